@@ -1,0 +1,111 @@
+# The platform's seven libraries and the snapshot library on top of them.
+#
+# Include roots: include/ and the build folder's include/ for <sharesnap/...> (the latter has <sharesnap/platform/...>,
+# as an installed tree has it), lib/ for the library's private headers, platform/ for those of the platform.
+
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/sharesnap)
+file(CREATE_LINK ${PROJECT_SOURCE_DIR}/lib/platform ${PROJECT_BINARY_DIR}/include/sharesnap/platform SYMBOLIC)
+
+add_library(sharesnap_headers INTERFACE)
+target_include_directories(sharesnap_headers INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_BINARY_DIR}/include)
+
+if(SHARESNAP_BUILD_TREE_TOOLS)
+    set(SHARESNAP_LIBEXECDIR ${PROJECT_BINARY_DIR}/libexec/sharesnap)
+else()
+    set(SHARESNAP_LIBEXECDIR ${CMAKE_INSTALL_FULL_LIBEXECDIR}/sharesnap)
+endif()
+
+# sharesnap_shared_library(NAME): what all our shared libraries have in common.
+function(sharesnap_shared_library name)
+    set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+                                             CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden
+                                             VISIBILITY_INLINES_HIDDEN ON)
+    target_link_options(${name} PRIVATE -Wl,--as-needed)
+    if(NOT SHARESNAP_SANITIZE)
+        target_link_options(${name} PRIVATE -Wl,--no-undefined)
+    endif()
+endfunction()
+
+# sharesnap_platform_library(NAME [LINKS library...]): one folder under platform/, one shared library.
+set(SHARESNAP_PLATFORM_LIBRARIES "")
+function(sharesnap_platform_library name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINKS")
+    file(GLOB sources CONFIGURE_DEPENDS platform/${name}/*.cpp)
+    if(NOT sources)
+        return()
+    endif()
+    add_library(${name} SHARED ${sources})
+    sharesnap_shared_library(${name})
+    target_include_directories(${name} PRIVATE platform)
+    target_link_libraries(${name} PUBLIC sharesnap_headers)
+    foreach(link IN LISTS arg_LINKS)
+        if(TARGET ${link} OR NOT link MATCHES "^qova")
+            target_link_libraries(${name} PRIVATE ${link})
+        endif()
+    endforeach()
+    set(SHARESNAP_PLATFORM_LIBRARIES ${SHARESNAP_PLATFORM_LIBRARIES} ${name} PARENT_SCOPE)
+endfunction()
+
+sharesnap_platform_library(qovacore LINKS Threads::Threads dl)
+sharesnap_platform_library(qovastoragecore LINKS qovacore PkgConfig::LIBBTRFSUTIL)
+sharesnap_platform_library(qovasdk LINKS qovacore qovastoragecore PkgConfig::LIBSYSTEMD dl)
+sharesnap_platform_library(qovafileop LINKS qovacore)
+sharesnap_platform_library(qovaquota LINKS qovacore qovastoragecore PkgConfig::LIBBTRFSUTIL)
+sharesnap_platform_library(qovasysnotify LINKS qovacore PkgConfig::LIBSYSTEMD)
+sharesnap_platform_library(qovanetsdk LINKS qovacore)
+
+# Where the platform finds the program that it runs for the name /sbin/btrfs.
+foreach(name qovacore qovastoragecore)
+    if(TARGET ${name})
+        target_compile_definitions(${name} PRIVATE SHARESNAP_LIBEXECDIR="${SHARESNAP_LIBEXECDIR}"
+                                                   SHARESNAP_BTRFS_TOOL="${SHARESNAP_LIBEXECDIR}/btrfs")
+    endif()
+endforeach()
+
+# One room, one object library; all rooms together are the shared library.
+set(room_objects "")
+foreach(room intl_utils frame metadata lifecycle counters config snaptree)
+    file(GLOB sources CONFIGURE_DEPENDS lib/${room}/*.cpp)
+    if(sources)
+        add_library(sharesnap_${room} OBJECT ${sources})
+        set_target_properties(sharesnap_${room} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+        target_include_directories(sharesnap_${room} PRIVATE lib)
+        target_link_libraries(sharesnap_${room} PUBLIC sharesnap_headers)
+        list(APPEND room_objects $<TARGET_OBJECTS:sharesnap_${room}>)
+    endif()
+endforeach()
+if(TARGET sharesnap_snaptree)
+    target_link_libraries(sharesnap_snaptree PUBLIC Boost::serialization)
+endif()
+
+# The linker's version script: the C symbols of lib/exports.txt and the tree's classes; the rest is local.
+set(exports_list ${PROJECT_SOURCE_DIR}/lib/exports.txt)
+set(exports_script ${PROJECT_BINARY_DIR}/exports.map)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${exports_list})
+file(STRINGS ${exports_list} exported_symbols REGEX "^[A-Za-z_]")
+list(TRANSFORM exported_symbols PREPEND "        ")
+list(TRANSFORM exported_symbols APPEND ";\n")
+list(JOIN exported_symbols "" exported_symbols)
+file(CONFIGURE OUTPUT ${exports_script} CONTENT [[
+{
+    global:
+@exported_symbols@
+        extern "C++" {
+            QovaSnapTree::*;
+            "typeinfo for QovaSnapTree::*";
+            "typeinfo name for QovaSnapTree::*";
+            "vtable for QovaSnapTree::*";
+        };
+    local:
+        *;
+};
+]] @ONLY)
+
+if(room_objects)
+    add_library(qovasharesnapshot SHARED ${room_objects})
+    sharesnap_shared_library(qovasharesnapshot)
+    set_target_properties(qovasharesnapshot PROPERTIES LINKER_LANGUAGE CXX LINK_DEPENDS ${exports_script})
+    target_link_options(qovasharesnapshot PRIVATE -Wl,--version-script=${exports_script})
+    target_link_libraries(qovasharesnapshot PUBLIC sharesnap_headers
+                                            PRIVATE ${SHARESNAP_PLATFORM_LIBRARIES} Boost::serialization Threads::Threads)
+endif()

@@ -1,0 +1,82 @@
+# The tests: each tests/<kind>/<name>_test.cpp is a program test_<kind>_<name>, each test in it an entry of ctest
+# with the kind as its label. The programs use the shared libraries and export their own symbols, so that a function
+# that a test program defines stands in for the libraries' own.
+
+include(GoogleTest)
+
+# A platform storage core that lives in memory and plain files, under the same soname as the real one. A test program
+# runs on it when this folder comes first in LD_LIBRARY_PATH.
+set(SHARESNAP_SIMULATED_DIR ${PROJECT_BINARY_DIR}/tests/simulated)
+file(GLOB sources CONFIGURE_DEPENDS tests/support/simulated/*.cpp)
+if(sources AND TARGET qovacore)
+    add_library(simulated_storagecore SHARED ${sources})
+    sharesnap_shared_library(simulated_storagecore)
+    set_target_properties(simulated_storagecore PROPERTIES OUTPUT_NAME qovastoragecore
+                                                           LIBRARY_OUTPUT_DIRECTORY ${SHARESNAP_SIMULATED_DIR})
+    target_include_directories(simulated_storagecore PRIVATE platform tests)
+    target_link_libraries(simulated_storagecore PUBLIC sharesnap_headers PRIVATE qovacore)
+endif()
+
+file(GLOB sources CONFIGURE_DEPENDS tests/support/*.cpp)
+if(NOT sources OR NOT TARGET qovasharesnapshot)
+    message(STATUS "Nothing to test yet: no test support or no library")
+    return()
+endif()
+
+add_library(sharesnap_test_support STATIC ${sources})
+target_include_directories(sharesnap_test_support PUBLIC ${PROJECT_SOURCE_DIR}/tests)
+target_compile_definitions(sharesnap_test_support
+    PUBLIC SHARESNAP_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+           SHARESNAP_BUILD_DIR="${PROJECT_BINARY_DIR}"
+           SHARESNAP_SIMULATED_DIR="${SHARESNAP_SIMULATED_DIR}"
+           SHARESNAP_BTRFS_TOOL="${PROJECT_BINARY_DIR}/libexec/sharesnap/btrfs"
+           SHARESNAP_COMMAND="${PROJECT_BINARY_DIR}/bin/sharesnap")
+target_link_libraries(sharesnap_test_support
+    PUBLIC sharesnap_headers GTest::gtest GTest::gmock nlohmann_json::nlohmann_json PkgConfig::LIBBTRFSUTIL
+           Threads::Threads ${CMAKE_DL_LIBS})
+# googletest's macros and headers are not ours to mend.
+target_compile_options(sharesnap_test_support PUBLIC $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)
+
+# googletest and the standard headers take most of a test's compile time: they are compiled once.
+target_precompile_headers(sharesnap_test_support PRIVATE <gmock/gmock.h> <gtest/gtest.h> <filesystem> <fstream> <functional>
+                          <map> <memory> <optional> <sstream> <string> <thread> <vector>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(sharesnap_test_support PUBLIC -fpch-preprocess)
+else()
+    target_compile_options(sharesnap_test_support PUBLIC "SHELL:-Xclang -fno-pch-timestamp")
+endif()
+
+# What the tests of one process tree need to stand before they run.
+set(runtime_targets "")
+foreach(target sharesnap sharesnap_btrfs simulated_storagecore)
+    if(TARGET ${target})
+        list(APPEND runtime_targets ${target})
+    endif()
+endforeach()
+
+set(valgrind_command "")
+if(SHARESNAP_VALGRIND)
+    find_program(SHARESNAP_VALGRIND_PROGRAM valgrind REQUIRED)
+    set(valgrind_command ${SHARESNAP_VALGRIND_PROGRAM} --quiet --error-exitcode=99 --leak-check=full
+                         --errors-for-leak-kinds=definite --child-silent-after-fork=yes --track-fds=no)
+endif()
+
+foreach(kind unit volume neighbours faults command crash consumer)
+    file(GLOB sources CONFIGURE_DEPENDS tests/${kind}/*_test.cpp)
+    foreach(source IN LISTS sources)
+        cmake_path(GET source STEM name)
+        string(REGEX REPLACE "_test$" "" name ${name})
+        set(program test_${kind}_${name})
+        add_executable(${program} ${source})
+        set_target_properties(${program} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/${kind}
+                                                    ENABLE_EXPORTS ON CROSSCOMPILING_EMULATOR "${valgrind_command}")
+        target_precompile_headers(${program} REUSE_FROM sharesnap_test_support)
+        target_link_options(${program} PRIVATE -Wl,--no-as-needed)
+        target_link_libraries(${program} PRIVATE sharesnap_test_support qovasharesnapshot ${SHARESNAP_PLATFORM_LIBRARIES})
+        if(runtime_targets)
+            add_dependencies(${program} ${runtime_targets})
+        endif()
+        gtest_discover_tests(${program} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
+                             PROPERTIES LABELS ${kind} TIMEOUT 300)
+    endforeach()
+endforeach()
