@@ -82,10 +82,11 @@ endif()
 set(exports_list ${PROJECT_SOURCE_DIR}/lib/exports.txt)
 set(exports_script ${PROJECT_BINARY_DIR}/exports.map)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${exports_list})
-file(STRINGS ${exports_list} exported_symbols REGEX "^[A-Za-z_]")
-list(TRANSFORM exported_symbols PREPEND "        ")
-list(TRANSFORM exported_symbols APPEND ";\n")
-list(JOIN exported_symbols "" exported_symbols)
+file(STRINGS ${exports_list} exported_names REGEX "^[A-Za-z_]")
+set(exported_symbols "")
+foreach(symbol IN LISTS exported_names)
+    string(APPEND exported_symbols "        ${symbol};\n")
+endforeach()
 file(CONFIGURE OUTPUT ${exports_script} CONTENT [[
 {
     global:

@@ -37,7 +37,9 @@ target_link_libraries(sharesnap_test_support
 # googletest's macros and headers are not ours to mend.
 target_compile_options(sharesnap_test_support PUBLIC $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)
 
-# googletest and the standard headers take most of a test's compile time: they are compiled once.
+# googletest and the standard headers take most of a test's compile time: they are compiled once, and so with the very
+# options of the programs that use them.
+set_target_properties(sharesnap_test_support PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 target_precompile_headers(sharesnap_test_support PRIVATE <gmock/gmock.h> <gtest/gtest.h> <filesystem> <fstream> <functional>
                           <map> <memory> <optional> <sstream> <string> <thread> <vector>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
@@ -69,14 +71,15 @@ foreach(kind unit volume neighbours faults command crash consumer)
         set(program test_${kind}_${name})
         add_executable(${program} ${source})
         set_target_properties(${program} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/${kind}
-                                                    ENABLE_EXPORTS ON CROSSCOMPILING_EMULATOR "${valgrind_command}")
+                                                    ENABLE_EXPORTS ON DEFINE_SYMBOL "" POSITION_INDEPENDENT_CODE OFF
+                                                    CROSSCOMPILING_EMULATOR "${valgrind_command}")
         target_precompile_headers(${program} REUSE_FROM sharesnap_test_support)
         target_link_options(${program} PRIVATE -Wl,--no-as-needed)
         target_link_libraries(${program} PRIVATE sharesnap_test_support qovasharesnapshot ${SHARESNAP_PLATFORM_LIBRARIES})
         if(runtime_targets)
             add_dependencies(${program} ${runtime_targets})
         endif()
-        gtest_discover_tests(${program} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
+        gtest_discover_tests(${program} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120 TEST_PREFIX "${kind}/${name}/"
                              PROPERTIES LABELS ${kind} TIMEOUT 300)
     endforeach()
 endforeach()
