@@ -1,8 +1,19 @@
-/* What marks a declaration as part of the library's public interface. */
+/* Marks of the library's public interface. */
 #ifndef SHARESNAP_API_H
 #define SHARESNAP_API_H
 
-/* The library hides everything but what is declared with this and named in its list of exported symbols. */
+#if defined(__GNUC__)
 #define SHARESNAP_API __attribute__((visibility("default")))
+#else
+#define SHARESNAP_API
+#endif
+
+#ifdef __cplusplus
+#define SHARESNAP_BEGIN_DECLS extern "C" {
+#define SHARESNAP_END_DECLS }
+#else
+#define SHARESNAP_BEGIN_DECLS
+#define SHARESNAP_END_DECLS
+#endif
 
 #endif

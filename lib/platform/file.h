@@ -1,0 +1,20 @@
+/* File checks (libqovacore). */
+#ifndef SHARESNAP_PLATFORM_FILE_H
+#define SHARESNAP_PLATFORM_FILE_H
+
+#include <sharesnap/platform/api.h>
+#include <sys/stat.h>
+
+QOVA_BEGIN_DECLS
+
+/* 1 when something stands at the path, else 0. */
+QOVA_PLATFORM_API int QLIBCFileExist(const char *szPath);
+/* 1 when a directory stands at the path, else 0. */
+QOVA_PLATFORM_API int QLIBCFileCheckDir(const char *szPath);
+/* Makes an empty file (mode 0644, no link followed) or renews the times of one that stands. 0 or -1. */
+QOVA_PLATFORM_API int QLIBCFileTouch(const char *szPath);
+/* stat with nFlag 1, lstat with nFlag 0. 0 or -1 with errno and a code. */
+QOVA_PLATFORM_API int QLIBCFileStat(const char *szPath, int nFlag, struct stat *pStat);
+
+QOVA_END_DECLS
+#endif
