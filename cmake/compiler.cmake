@@ -23,7 +23,12 @@ add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Werror
 add_compile_options(-fsemantic-interposition)
 
 # RUNPATH, not RPATH: LD_LIBRARY_PATH comes first, so that another platform can stand in for ours.
-add_link_options(-Wl,--enable-new-dtags -Wl,-z,relro,-z,now)
+add_link_options(-Wl,--enable-new-dtags -Wl,-z,relro)
+if(SHARESNAP_PARTIAL)
+    add_link_options(-Wl,-z,lazy -Wl,--allow-shlib-undefined)
+else()
+    add_link_options(-Wl,-z,now)
+endif()
 
 if(SHARESNAP_SANITIZE)
     add_compile_options(-fsanitize=${SHARESNAP_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -7,7 +7,10 @@ file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/sharesnap)
 file(CREATE_LINK ${PROJECT_SOURCE_DIR}/lib/platform ${PROJECT_BINARY_DIR}/include/sharesnap/platform SYMBOLIC)
 
 add_library(sharesnap_headers INTERFACE)
-target_include_directories(sharesnap_headers INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_BINARY_DIR}/include)
+set_target_properties(sharesnap_headers PROPERTIES EXPORT_NAME headers)
+target_include_directories(sharesnap_headers INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+                                                       $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+                                                       $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 if(SHARESNAP_BUILD_TREE_TOOLS)
     set(SHARESNAP_LIBEXECDIR ${PROJECT_BINARY_DIR}/libexec/sharesnap)
@@ -19,12 +22,21 @@ endif()
 function(sharesnap_shared_library name)
     set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
                                              CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden
-                                             VISIBILITY_INLINES_HIDDEN ON)
+                                             VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN")
     target_link_options(${name} PRIVATE -Wl,--as-needed)
-    if(NOT SHARESNAP_SANITIZE)
+    if(NOT SHARESNAP_SANITIZE AND NOT SHARESNAP_PARTIAL)
         target_link_options(${name} PRIVATE -Wl,--no-undefined)
     endif()
 endfunction()
+
+# What several platform libraries share among themselves: each takes in the objects that it uses, all of them hidden.
+file(GLOB sources CONFIGURE_DEPENDS platform/common/*.cpp)
+if(sources)
+    add_library(sharesnap_platform_common STATIC ${sources})
+    set_target_properties(sharesnap_platform_common PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    target_include_directories(sharesnap_platform_common PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform>)
+    target_link_libraries(sharesnap_platform_common PUBLIC sharesnap_headers)
+endif()
 
 # sharesnap_platform_library(NAME [LINKS library...]): one folder under platform/, one shared library.
 set(SHARESNAP_PLATFORM_LIBRARIES "")
@@ -38,6 +50,9 @@ function(sharesnap_platform_library name)
     sharesnap_shared_library(${name})
     target_include_directories(${name} PRIVATE platform)
     target_link_libraries(${name} PUBLIC sharesnap_headers)
+    if(TARGET sharesnap_platform_common)
+        target_link_libraries(${name} PRIVATE sharesnap_platform_common)
+    endif()
     foreach(link IN LISTS arg_LINKS)
         if(TARGET ${link} OR NOT link MATCHES "^qova")
             target_link_libraries(${name} PRIVATE ${link})
@@ -107,6 +122,7 @@ if(room_objects)
     sharesnap_shared_library(qovasharesnapshot)
     set_target_properties(qovasharesnapshot PROPERTIES LINKER_LANGUAGE CXX LINK_DEPENDS ${exports_script})
     target_link_options(qovasharesnapshot PRIVATE -Wl,--version-script=${exports_script})
-    target_link_libraries(qovasharesnapshot PUBLIC sharesnap_headers
-                                            PRIVATE ${SHARESNAP_PLATFORM_LIBRARIES} Boost::serialization Threads::Threads)
+    # Callers fetch share records, lists and hashes from the platform themselves.
+    target_link_libraries(qovasharesnapshot PUBLIC sharesnap_headers ${SHARESNAP_PLATFORM_LIBRARIES}
+                                            PRIVATE Boost::serialization Threads::Threads)
 endif()
