@@ -17,15 +17,16 @@ void LogLine(int nPriority, const char *szFile, int nLine, const char *szFormat,
 // Logs the text of a failed argument check, sets 0x0D00, gives -1.
 int BadArgument(const char *szFile, int nLine, const char *szCheck);
 
-}  // namespace sharesnap
+} // namespace sharesnap
 
 // SNAP_LOG(LOG_ERR, "Failed to mkdir [%s], errno=%d/%m\n", szPath, errno);
-#define SNAP_LOG(nPriority, ...) ::sharesnap::LogLine((nPriority), __FILE_NAME__, __LINE__, __VA_ARGS__)
+// (__extension__: ISO C++ knows no %m.)
+#define SNAP_LOG(nPriority, ...) __extension__ ::sharesnap::LogLine((nPriority), __FILE_NAME__, __LINE__, __VA_ARGS__)
 
 // The same with the register as the last three arguments; the format ends in "[0x%04X %s:%d]".
-#define SNAP_LOG_REG(nPriority, ...)                                                                       \
-    ::sharesnap::LogLine((nPriority), __FILE_NAME__, __LINE__, __VA_ARGS__, QLIBCErrGet(), QLIBCErrorGetFile(), \
-                         QLIBCErrorGetLine())
+#define SNAP_LOG_REG(nPriority, ...)                                                                     \
+    __extension__ ::sharesnap::LogLine((nPriority), __FILE_NAME__, __LINE__, __VA_ARGS__, QLIBCErrGet(), \
+                                       QLIBCErrorGetFile(), QLIBCErrorGetLine())
 
 // return SNAP_BAD_ARGUMENT("((void *)0) != pShare");
 #define SNAP_BAD_ARGUMENT(szCheck) ::sharesnap::BadArgument(__FILE_NAME__, __LINE__, (szCheck))
