@@ -15,7 +15,6 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 
 add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64)
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Werror
-                    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
                     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>)
 
 # A program may define a function of ours, and everybody then calls the program's: no call between exported
