@@ -38,6 +38,14 @@ if(sources)
     target_link_libraries(sharesnap_platform_common PUBLIC sharesnap_headers)
 endif()
 
+# What several platform libraries use. It is no library of its own: each takes in what it needs, hidden.
+file(GLOB sources CONFIGURE_DEPENDS platform/common/*.cpp)
+add_library(platform_common STATIC ${sources})
+set_target_properties(platform_common PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+target_include_directories(platform_common PUBLIC platform)
+target_link_libraries(platform_common PUBLIC sharesnap_headers PkgConfig::LIBBTRFSUTIL PkgConfig::LIBSYSTEMD
+                                             Threads::Threads ${CMAKE_DL_LIBS})
+
 # sharesnap_platform_library(NAME [LINKS library...]): one folder under platform/, one shared library.
 set(SHARESNAP_PLATFORM_LIBRARIES "")
 function(sharesnap_platform_library name)
@@ -54,19 +62,19 @@ function(sharesnap_platform_library name)
         target_link_libraries(${name} PRIVATE sharesnap_platform_common)
     endif()
     foreach(link IN LISTS arg_LINKS)
-        if(TARGET ${link} OR NOT link MATCHES "^qova")
+        if(TARGET ${link})
             target_link_libraries(${name} PRIVATE ${link})
         endif()
     endforeach()
     set(SHARESNAP_PLATFORM_LIBRARIES ${SHARESNAP_PLATFORM_LIBRARIES} ${name} PARENT_SCOPE)
 endfunction()
 
-sharesnap_platform_library(qovacore LINKS Threads::Threads dl)
-sharesnap_platform_library(qovastoragecore LINKS qovacore PkgConfig::LIBBTRFSUTIL)
-sharesnap_platform_library(qovasdk LINKS qovacore qovastoragecore PkgConfig::LIBSYSTEMD dl)
+sharesnap_platform_library(qovacore)
+sharesnap_platform_library(qovastoragecore LINKS qovacore)
+sharesnap_platform_library(qovasdk LINKS qovacore qovastoragecore)
 sharesnap_platform_library(qovafileop LINKS qovacore)
-sharesnap_platform_library(qovaquota LINKS qovacore qovastoragecore PkgConfig::LIBBTRFSUTIL)
-sharesnap_platform_library(qovasysnotify LINKS qovacore PkgConfig::LIBSYSTEMD)
+sharesnap_platform_library(qovaquota LINKS qovacore qovastoragecore)
+sharesnap_platform_library(qovasysnotify LINKS qovacore)
 sharesnap_platform_library(qovanetsdk LINKS qovacore)
 
 # Where the platform finds the program that it runs for the name /sbin/btrfs.

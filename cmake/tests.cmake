@@ -13,8 +13,8 @@ if(sources AND TARGET qovacore)
     sharesnap_shared_library(simulated_storagecore)
     set_target_properties(simulated_storagecore PROPERTIES OUTPUT_NAME qovastoragecore
                                                            LIBRARY_OUTPUT_DIRECTORY ${SHARESNAP_SIMULATED_DIR})
-    target_include_directories(simulated_storagecore PRIVATE platform tests)
-    target_link_libraries(simulated_storagecore PUBLIC sharesnap_headers PRIVATE qovacore)
+    target_include_directories(simulated_storagecore PRIVATE tests)
+    target_link_libraries(simulated_storagecore PUBLIC sharesnap_headers PRIVATE platform_common qovacore)
 endif()
 
 file(GLOB sources CONFIGURE_DEPENDS tests/support/*.cpp)

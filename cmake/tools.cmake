@@ -15,5 +15,5 @@ if(sources)
     set_target_properties(sharesnap_btrfs PROPERTIES OUTPUT_NAME btrfs
                                                      RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/libexec/sharesnap)
     target_include_directories(sharesnap_btrfs PRIVATE tools)
-    target_link_libraries(sharesnap_btrfs PRIVATE sharesnap_headers PkgConfig::LIBBTRFSUTIL)
+    target_link_libraries(sharesnap_btrfs PRIVATE platform_common)
 endif()
