@@ -19,6 +19,7 @@ function attribute(line, name,    start, rest) {
 }
 
 FNR == 1 { file++ }
+{ sub(/^[ \t]*<system-out>/, "") }
 
 /<testcase / {
     name = attribute($0, "name")
@@ -55,6 +56,10 @@ take && result[name] == "skipped" {
         reason[name] = reason[name] (reason[name] == "" ? "" : " ") unescape($0)
     else
         take = 0
+}
+# A program that can't run at all says so in one line before its first test.
+/^\[  SKIPPED \] / && !/ ms\)$/ && !/listed below:/ && result[name] == "skipped" && reason[name] == "" {
+    reason[name] = unescape(substr($0, 14))
 }
 /<\/testcase>/ { take = 0 }
 
