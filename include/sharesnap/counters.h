@@ -18,12 +18,15 @@ SHARESNAP_API int ShareSnapGlobalSnapCountGet(int blSync);
 SHARESNAP_API int QOVAShareSnapGetGlobalSnapCount(void);
 SHARESNAP_API int QOVAShareSnapSyncGlobalSnapCount(void);
 
-SHARESNAP_API int QOVAShareSnapSysLockIncrement(const QOVASHARE *pShare, const char *szSnapshot, const char *szInitiator);
-SHARESNAP_API int QOVAShareSnapSysLockDecrement(const QOVASHARE *pShare, const char *szSnapshot, const char *szInitiator);
+SHARESNAP_API int QOVAShareSnapSysLockIncrement(const QOVASHARE *pShare, const char *szSnapshot,
+                                                const char *szInitiator);
+SHARESNAP_API int QOVAShareSnapSysLockDecrement(const QOVASHARE *pShare, const char *szSnapshot,
+                                                const char *szInitiator);
 SHARESNAP_API int QOVAShareSnapSysLockRemove(const QOVASHARE *pShare, const char *szSnapshot, const char *szInitiator);
 SHARESNAP_API int QOVAShareSnapSysLockGet(const QOVASHARE *pShare, const char *szSnapshot, const char *szInitiator,
                                           uint32_t *pCount);
-SHARESNAP_API int QOVAShareSnapSysLockInitiatorList(const QOVASHARE *pShare, const char *szSnapshot, QLIBCSZLIST **pList);
+SHARESNAP_API int QOVAShareSnapSysLockInitiatorList(const QOVASHARE *pShare, const char *szSnapshot,
+                                                    QLIBCSZLIST **pList);
 SHARESNAP_API int ShareSnapSysLockShareRenameHook(const char *szOld, const char *szNew);
 SHARESNAP_API int ShareSnapSysLockShareDeleteHook(const char *szShare);
 

@@ -61,7 +61,8 @@ typedef struct TimeLimitTask {
     void *pArg;
 } TimeLimitTask;
 
-SHARESNAP_API int ShareSnapTimeLimitFork(unsigned long ulSecTimeout, const TimeLimitTask *pTimeLimitTask, int *pFuncRet);
+SHARESNAP_API int ShareSnapTimeLimitFork(unsigned long ulSecTimeout, const TimeLimitTask *pTimeLimitTask,
+                                         int *pFuncRet);
 
 SHARESNAP_END_DECLS
 #endif

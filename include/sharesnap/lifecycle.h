@@ -26,9 +26,10 @@ enum {
     SNAP_EVENT_DELETE_FAILED = 0x13C00004
 };
 
-SHARESNAP_API int QOVAShareSnapCreate(const QOVASHARE *pShare, char *szSnapName, size_t cbSnapName, QLIBCSZHASH **ppHash);
-SHARESNAP_API int QOVAShareSnapCreateEx(const QOVASHARE *pShare, char *szSnapName, size_t cbSnapName, QLIBCSZHASH **ppHash,
-                                        unsigned int uFlags);
+SHARESNAP_API int QOVAShareSnapCreate(const QOVASHARE *pShare, char *szSnapName, size_t cbSnapName,
+                                      QLIBCSZHASH **ppHash);
+SHARESNAP_API int QOVAShareSnapCreateEx(const QOVASHARE *pShare, char *szSnapName, size_t cbSnapName,
+                                        QLIBCSZHASH **ppHash, unsigned int uFlags);
 SHARESNAP_API int QOVAShareSnapCreateNoShareInfo(const QOVASHARE *pShare, char *szSnapName, size_t cbSnapName,
                                                  QLIBCSZHASH **ppHash);
 SHARESNAP_API int ShareSnapCreateNameConflictRetry(const QOVASHARE *pShare, char *szSnapName, size_t cbSnapName,
@@ -59,8 +60,8 @@ SHARESNAP_API int QOVAShareSnapSendNotification(const char *szTag, const char *s
 SHARESNAP_API int QOVAShareSnapShareCreate(const char *szPath);
 SHARESNAP_API int QOVAShareSnapConfigDelete(const char *szSharePath);
 SHARESNAP_API int QOVAShareSnapDataDelete(const char *szSharePath);
-SHARESNAP_API int QOVAShareSnapShareRename(const QOVASHARE *pShareOld, const QOVASHARE *pShareNew, const char *szOldPath,
-                                           const char *szNewPath);
+SHARESNAP_API int QOVAShareSnapShareRename(const QOVASHARE *pShareOld, const QOVASHARE *pShareNew,
+                                           const char *szOldPath, const char *szNewPath);
 
 SHARESNAP_END_DECLS
 #endif

@@ -27,7 +27,8 @@ typedef struct QOVAShareSnapEnum {
 } QOVAShareSnapEnum;
 
 SHARESNAP_API int SnapMetaGetOrCreateFile(const QOVASHARE *pShare, char *szPath, size_t cbPath, int blCreate);
-SHARESNAP_API int QOVAShareSnapMetaSectionAdd(const QOVASHARE *pShare, const char *szSnapName, const QLIBCSZHASH *pshHash);
+SHARESNAP_API int QOVAShareSnapMetaSectionAdd(const QOVASHARE *pShare, const char *szSnapName,
+                                              const QLIBCSZHASH *pshHash);
 SHARESNAP_API int SnapMetaSectionDel(const QOVASHARE *pShare, const char *szSnapName, int blLock);
 SHARESNAP_API int SnapMetaFileDelete(const QOVASHARE *pShare);
 SHARESNAP_API int SnapMetaFileRename(const QOVASHARE *pShareOld, const QOVASHARE *pShareNew);
@@ -37,13 +38,14 @@ SHARESNAP_API int QOVAShareSnapProcessSelector(const char *szSnapName, const QOV
                                                const QLIBCSZHASH *pHash);
 SHARESNAP_API void QOVAShareSnapEnumFree(QOVAShareSnapEnum *pEnum);
 
-SHARESNAP_API int QOVAShareSnapAttrGet(const QOVASHARE *pShare, const char *szSnapName, const char *szAttr, char *szValue,
-                                       size_t cbValue);
+SHARESNAP_API int QOVAShareSnapAttrGet(const QOVASHARE *pShare, const char *szSnapName, const char *szAttr,
+                                       char *szValue, size_t cbValue);
 SHARESNAP_API int QOVAShareSnapAttrSet(const QOVASHARE *pShare, const char *szSnapName, const char *szAttr,
                                        const char *szValue);
 SHARESNAP_API int QOVAShareSnapAttrDelete(const QOVASHARE *pShare, const char *szSnapName, const char *szAttr);
 SHARESNAP_API int QOVAShareSnapAttrList(const QOVASHARE *pShare, const char *szSnapName, QLIBCSZHASH **ppHash);
-SHARESNAP_API int QOVAShareSnapAttrMultiSet(const QOVASHARE *pShare, const char *szSnapName, const QLIBCSZHASH *pAttrHash);
+SHARESNAP_API int QOVAShareSnapAttrMultiSet(const QOVASHARE *pShare, const char *szSnapName,
+                                            const QLIBCSZHASH *pAttrHash);
 
 SHARESNAP_API int QOVAShareSnapSelectorAdd(QOVAShareSnapEnum **ppQOVAShareSnapEnum, QOVAShareSnapSelector pSelector,
                                            void *pData);

@@ -27,4 +27,4 @@ int BadArgument(const char *szFile, int nLine, const char *szCheck) {
     return -1;
 }
 
-}  // namespace sharesnap
+} // namespace sharesnap

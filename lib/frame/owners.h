@@ -17,32 +17,32 @@ namespace sharesnap {
 
 // Puts errno back at the end of a scope.
 class ErrnoKeeper {
-   public:
+public:
     ErrnoKeeper() : nErrno_(errno) {}
     ~ErrnoKeeper() { errno = nErrno_; }
     ErrnoKeeper(const ErrnoKeeper &) = delete;
     ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
     [[nodiscard]] int value() const { return nErrno_; }
 
-   private:
+private:
     int nErrno_;
 };
 
 // Saves the code of the register; restore() sets it again, with the place of the restoring call, after noisy work.
 class ErrorKeeper {
-   public:
+public:
     ErrorKeeper() : uCode_(QLIBCErrGet()) {}
     [[nodiscard]] unsigned int code() const { return uCode_; }
     void restore(const char *szFile, int nLine) const { QLIBCErrSetEx(uCode_, szFile, nLine); }
 
-   private:
+private:
     unsigned int uCode_;
 };
 
 // A list or hash moves when it grows: pass `&owner` where the platform takes the address, `owner.get()` to read.
 template <typename T, void (*Free)(T *)>
 class Owner {
-   public:
+public:
     Owner() = default;
     explicit Owner(T *p) : p_(p) {}
     ~Owner() { reset(nullptr); }
@@ -65,12 +65,16 @@ class Owner {
         return p;
     }
 
-   private:
+private:
     T *p_ = nullptr;
 };
 
-inline void FreeMemory(char *sz) { std::free(sz); }
-inline void CloseStream(FILE *pStream) { (void)std::fclose(pStream); /* read streams only: nothing can be lost */ }
+inline void FreeMemory(char *sz) {
+    std::free(sz);
+}
+inline void CloseStream(FILE *pStream) {
+    (void)std::fclose(pStream); /* read streams only: nothing can be lost */
+}
 
 using ListOwner = Owner<QLIBCSZLIST, QLIBCSzListFree>;
 using HashOwner = Owner<QLIBCSZHASH, QLIBCSzHashFree>;
@@ -80,12 +84,12 @@ using TextOwner = Owner<char, FreeMemory>;
 using ReadStreamOwner = Owner<FILE, CloseStream>;
 
 class DescriptorOwner {
-   public:
+public:
     explicit DescriptorOwner(int nFd = -1) : nFd_(nFd) {}
     ~DescriptorOwner() {
         if (nFd_ >= 0) {
             const ErrnoKeeper keeper;
-            (void)::close(nFd_);  // opened for reading: nothing can be lost
+            (void)::close(nFd_); // opened for reading: nothing can be lost
         }
     }
     DescriptorOwner(const DescriptorOwner &) = delete;
@@ -93,9 +97,9 @@ class DescriptorOwner {
     [[nodiscard]] int get() const { return nFd_; }
     explicit operator bool() const { return nFd_ >= 0; }
 
-   private:
+private:
     int nFd_;
 };
 
-}  // namespace sharesnap
+} // namespace sharesnap
 #endif

@@ -10,8 +10,8 @@ QOVA_BEGIN_DECLS
 
 /* Makes an @eaDir (0755, root). nFlags is 0. 0, also when it stands; -1 on failure. */
 QOVA_PLATFORM_API int QOVAEAMKDir(int nFlags, const char *szPath);
-/* Removes the @eaDir below szPath with all it holds, never following links. nFlags is 3, *pFlag is 1. 0, also when there
-   is none; -1 on failure. */
+/* Removes the @eaDir below szPath with all it holds, never following links. nFlags is 3, *pFlag is 1. 0, also when
+   there is none; -1 on failure. */
 QOVA_PLATFORM_API int QOVAEARemove(const char *szPath, int nFlags, int64_t *pFlag);
 
 /* 80 bytes: twenty words; word 0 overwrite, word 2 keep mode and times, word 3 keep the owner; the others are 0. */

@@ -14,7 +14,8 @@ QOVA_PLATFORM_API FILE *QLIBCPopen(const char *szProgram, const char *szMode, ..
 QOVA_PLATFORM_API FILE *QLIBCPopenv(const char *szProgram, const char *szMode, char *const rgszArg[]);
 /* Closes and waits. The exit status (0 to 255), or -1. */
 QOVA_PLATFORM_API int QLIBCPclose(FILE *pStream);
-/* Runs a program to its end, rgszArg ended by null. nFlags is 0. 0 when it exited with 0, its exit status or -1 otherwise. */
+/* Runs a program to its end, rgszArg ended by null. nFlags is 0. 0 when it exited with 0, its exit status or -1
+ * otherwise. */
 QOVA_PLATFORM_API int QLIBCExecv(const char *szProgram, char *const rgszArg[], int nFlags);
 
 QOVA_END_DECLS

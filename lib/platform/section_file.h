@@ -14,9 +14,10 @@ QOVA_BEGIN_DECLS
 /* Puts the pairs of a section into the caller's hash. The number of pairs; 0 for a section without pairs, and 0 with
    code 0x2200 for an absent section; -1 on failure (0x0900 for a file that can't be opened). */
 QOVA_PLATFORM_API int QLIBCFileGetSection(const char *szFile, const char *szSection, QLIBCSZHASH **ppHash);
-/* Copies one value, cut to cbBuf bytes with its end. 0; or -1 with 0x2200 (no section), 0x2000 (no key), 0x0900 (no file). */
-QOVA_PLATFORM_API int QLIBCFileGetSectionValue(const char *szFile, const char *szSection, const char *szKey, char *szBuf,
-                                               size_t cbBuf);
+/* Copies one value, cut to cbBuf bytes with its end. 0; or -1 with 0x2200 (no section), 0x2000 (no key), 0x0900 (no
+ * file). */
+QOVA_PLATFORM_API int QLIBCFileGetSectionValue(const char *szFile, const char *szSection, const char *szKey,
+                                               char *szBuf, size_t cbBuf);
 /* Writes one pair of an existing section. 0; or -1 (0x2200: no section, nothing is created). */
 QOVA_PLATFORM_API int QLIBCFileSetSectionValue(const char *szFile, const char *szSection, const char *szKey,
                                                const char *szValue);
@@ -33,7 +34,8 @@ QOVA_PLATFORM_API int QLIBCFileRemoveSection(const char *szFile, const char *szS
 QOVA_PLATFORM_API int QLIBCFileEnumSection(const char *szFile, QLIBCSZLIST **ppList);
 /* Flat file of key=value lines; blanks and one pair of quotes around key and value are trimmed. 1 found; 0 absent; -1
    on failure. nFlags is 0. */
-QOVA_PLATFORM_API int QLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szBuf, size_t cbBuf, int nFlags);
+QOVA_PLATFORM_API int QLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szBuf, size_t cbBuf,
+                                           int nFlags);
 /* 1 when the line opens a section: '[' in column 0 and a later ']' . cbLine counts the bytes of the line. */
 QOVA_PLATFORM_API int QLIBCIFileIsSection(const char *szLine, size_t cbLine);
 /* 1 when the line opens the section of that name, else 0. */

@@ -18,10 +18,11 @@ QOVA_PLATFORM_API int QOVABtrfsReadOnlySnapshotTake(const char *szSource, const 
 QOVA_PLATFORM_API int QOVABtrfsSnapshotTake(const char *szSource, const char *szTarget);
 /* Sets or clears the hidden mark of a subvolume. 0 or -1. */
 QOVA_PLATFORM_API int QOVABtrfsSubvolHideAttrSet(const char *szPath, int blHide);
-/* Deletes one subvolume with what is nested in it; one that is gone counts as deleted. Durable when it returns. 0 or -1. */
+/* Deletes one subvolume with what is nested in it; one that is gone counts as deleted. Durable when it returns. 0 or
+ * -1. */
 QOVA_PLATFORM_API int QOVABtrfsDeleteSubvolFaultTolerant(const char *szPath);
-/* Deletes the named subvolumes of a directory, goes on past single failures, one commit for the batch. 0, or -1 when the
-   directory can't be used or the commit failed. *pDeleted counts those that are gone. */
+/* Deletes the named subvolumes of a directory, goes on past single failures, one commit for the batch. 0, or -1 when
+   the directory can't be used or the commit failed. *pDeleted counts those that are gone. */
 QOVA_PLATFORM_API int QOVABtrfsDeleteSubvolListFaultTolerant(const char *szDirectory, const QLIBCSZLIST *pList);
 QOVA_PLATFORM_API int QOVABtrfsDeleteSubvolListFaultTolerantEx(const char *szDirectory, const QLIBCSZLIST *pList,
                                                                int *pDeleted);

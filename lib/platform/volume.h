@@ -19,7 +19,8 @@ typedef struct QOVAMOUNTVOLINFO {
     struct QOVAMOUNTVOLINFO *pNext; /* next record of an enumeration; null in a single one */
 } QOVAMOUNTVOLINFO;
 
-/* Mount path of the volume that holds szPath (an absent path resolves through its nearest existing ancestor). 0 or -1. */
+/* Mount path of the volume that holds szPath (an absent path resolves through its nearest existing ancestor). 0 or -1.
+ */
 QOVA_PLATFORM_API int QOVAShareVolPathGet(const char *szPath, char *szBuf, size_t cbBuf);
 /* First component of a path ("/vol1/docs" gives "/vol1"); textual. szBuf has QOVA_VOLUME_PATH_SIZE bytes. 0 or -1. */
 QOVA_PLATFORM_API int VolumePathParseEx(const char *szPath, char *szBuf);

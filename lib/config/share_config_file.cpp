@@ -1,0 +1,163 @@
+#include "config/share_config_file.h"
+
+#include <fcntl.h>
+#include <sharesnap/frame.h>
+#include <sharesnap/platform/file_lock.h>
+#include <sharesnap/platform/file_operation.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "frame/log.h"
+#include "frame/owners.h"
+#include "frame/path_format.h"
+#include "frame/run_directory.h"
+
+namespace sharesnap {
+
+namespace {
+
+constexpr char kLockDirectory[] = "/run/lock/sharesnap/sharesnap_share_configuration_lock";
+constexpr int kLockSeconds = 10;
+
+// Users write into the share: a link in the place of one of these is something of the wrong type, whatever it leads to.
+bool IsLink(const char *szPath) {
+    struct stat st;
+    return lstat(szPath, &st) == 0 && S_ISLNK(st.st_mode);
+}
+
+int CheckDir(const char *szPath) {
+    return IsLink(szPath) ? -1 : ShareSnapCheckDirExist(szPath);
+}
+
+int CheckFile(const char *szPath) {
+    return IsLink(szPath) ? -1 : ShareSnapCheckFileExist(szPath);
+}
+
+} // namespace
+
+int ShareBasePathGet(const QOVASHARE *pShare, char *szPath, std::size_t cbPath) {
+    int nEncrypted = 0;
+    if (QLIBShareIsEncryptionGet(pShare, &nEncrypted) < 0) {
+        SNAP_LOG_REG(LOG_ERR, "Failed to get encryption status of share [%s] [0x%04X %s:%d]", pShare->szName);
+        return -1;
+    }
+    if (nEncrypted == 0) {
+        return FormatPath(szPath, cbPath, "%s", pShare->szPath) ? 0 : -1;
+    }
+    if (QLIBShareEncryptPathGet(pShare->szPath, szPath, cbPath) < 0) {
+        SNAP_LOG_REG(LOG_ERR, "get sahre [%s] encpath failed.[0x%04X %s:%d]", pShare->szName);
+        return -1;
+    }
+    return 0;
+}
+
+int ShareEaDirGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
+    if (pShare == nullptr) {
+        SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
+        return -1;
+    }
+    char szBase[kShareConfigPathSize];
+    if (ShareBasePathGet(pShare, szBase, sizeof(szBase)) < 0) {
+        return -1;
+    }
+    if (!FormatPath(szPath, kShareConfigPathSize, "%s/%s", szBase, kEaDirName)) {
+        return -1;
+    }
+    const int nExist = CheckDir(szPath);
+    if (nExist < 0) {
+        SNAP_SET_ERR(SNAP_ERR_BAD_FILE_TYPE);
+        return -1;
+    }
+    if (nExist == 1 || blCreate == 0) {
+        return nExist;
+    }
+    if (QOVAEAMKDir(0, szPath) != 0) {
+        SNAP_LOG_REG(LOG_ERR, "Failed to create %s [0x%04X %s:%d]", szPath);
+        return 0;
+    }
+    return 1;
+}
+
+int ShareConfigDirGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
+    if (pShare == nullptr) {
+        SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
+        return -1;
+    }
+    char szEaDir[kShareConfigPathSize];
+    if (ShareEaDirGet(pShare, szEaDir, blCreate) != 1) {
+        SNAP_SET_ERR(SNAP_ERR_EA_DIR_UNAVAILABLE);
+        return -1;
+    }
+    if (!FormatPath(szPath, kShareConfigPathSize, "%s/%s", szEaDir, kShareConfigDirName)) {
+        return -1;
+    }
+    const int nExist = CheckDir(szPath);
+    if (nExist < 0) {
+        SNAP_SET_ERR(SNAP_ERR_BAD_FILE_TYPE);
+        return -1;
+    }
+    if (nExist == 1 || blCreate == 0) {
+        return nExist;
+    }
+    if (mkdir(szPath, 0644) < 0 && errno != EEXIST) {
+        SNAP_LOG(LOG_ERR, "Failed to mkdir [%s], errno=%d/%m\n", szPath, errno);
+        SNAP_SET_ERR(SNAP_ERR_CREATE_FAILED);
+        return 0;
+    }
+    (void)lchown(szPath, 0, 0); // root makes it as a rule; a link planted meanwhile isn't followed
+    return 1;
+}
+
+int ShareConfigFileGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
+    if (pShare == nullptr) {
+        SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
+        return -1;
+    }
+    char szDirectory[kShareConfigPathSize];
+    const int nDirectory = ShareConfigDirGet(pShare, szDirectory, blCreate);
+    if (nDirectory != 1) {
+        if (blCreate != 0 || nDirectory < 0) {
+            SNAP_LOG_REG(LOG_ERR, "Failed to get @eaDir for %s [0x%04X %s:%d]", pShare->szName);
+            return nDirectory;
+        }
+        return 0;
+    }
+    if (!FormatPath(szPath, kShareConfigPathSize, "%s/%s", szDirectory, kShareConfigFileName)) {
+        return -1;
+    }
+    const int nExist = CheckFile(szPath);
+    if (nExist < 0) {
+        SNAP_SET_ERR(SNAP_ERR_BAD_FILE_TYPE);
+        return -1;
+    }
+    if (nExist == 1 || blCreate == 0) {
+        return nExist;
+    }
+    // What creat does, but never through a link that a user of the share planted.
+    const DescriptorOwner file(open(szPath, O_CREAT | O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!file) {
+        SNAP_LOG(LOG_ERR, "Failed to create [%s]\n", szPath);
+        SNAP_SET_ERR(SNAP_ERR_CREATE_FAILED);
+        return 0;
+    }
+    return 1;
+}
+
+int ShareConfigLock(const char *szShareName, ConfigLockMode mode) {
+    if (QOVAShareSnapCreateRunLockShareSnapDir() != 1 || GetOrCreateRunDirectory(kLockDirectory) != 1) {
+        return -1;
+    }
+    char szPath[kShareConfigPathSize];
+    if (!FormatPath(szPath, sizeof(szPath), "%s/%s.lock", kLockDirectory, szShareName)) {
+        return -1;
+    }
+    int nFd = -1;
+    if (QLIBCFileLockTimeByFile(szPath, static_cast<int>(mode), kLockSeconds, &nFd) == 0) {
+        return -1;
+    }
+    return nFd;
+}
+
+} // namespace sharesnap
