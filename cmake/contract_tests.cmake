@@ -38,6 +38,7 @@ if(NOT SHARESNAP_SANITIZE AND NOT SHARESNAP_COVERAGE AND NOT SHARESNAP_VALGRIND)
         set(name consumer/installed/Builds_with_${way})
         add_test(NAME ${name} COMMAND bash ${PROJECT_SOURCE_DIR}/tests/consumer/installed.sh ${way} ${PROJECT_BINARY_DIR}
                                       ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER})
-        set_tests_properties(${name} PROPERTIES LABELS consumer TIMEOUT 300)
+        # Two installations at a time would write one list of what was installed.
+        set_tests_properties(${name} PROPERTIES LABELS consumer TIMEOUT 300 RESOURCE_LOCK install)
     endforeach()
 endif()

@@ -66,6 +66,7 @@ endif()
 foreach(kind unit volume neighbours faults command crash consumer)
     # All programs of one kind, for a run of these alone.
     add_custom_target(tests_${kind})
+    add_dependencies(tests_${kind} qovasharesnapshot ${runtime_targets})
     file(GLOB sources CONFIGURE_DEPENDS tests/${kind}/*_test.cpp)
     foreach(source IN LISTS sources)
         cmake_path(GET source STEM name)
