@@ -7,7 +7,8 @@
 
 QOVA_BEGIN_DECLS
 
-/* The machine's host name, cut to cbBuf bytes with its end (64 in the library above). 0 or -1 with errno. */
+/* Copies the machine's host name, cut to cbBuf bytes with its end; the kernel's names have up to 64 bytes without it.
+   0; -1 with errno, and 0x0D00 for a null buffer or one of no size, else 0x2A00. No locks, no privilege. */
 QOVA_PLATFORM_API int QOVALnxGetHostname(char *szBuf, size_t cbBuf);
 
 QOVA_END_DECLS
