@@ -1,0 +1,202 @@
+// The lines of sectioned files.
+
+#include "section_lines.h"
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <sharesnap/platform/section_file.h>
+
+namespace qovacore {
+
+std::string_view lineText(std::string_view line) {
+    return line.substr(0, line.find_first_of(std::string_view("\n\0", 2)));
+}
+
+bool endsSection(std::string_view line) {
+    return !line.empty() && line.front() == '[';
+}
+
+bool parseHeader(std::string_view line, std::string_view &name) {
+    if (!endsSection(line)) {
+        return false;
+    }
+    const std::string_view text = lineText(line);
+    const size_t nEnd = text.rfind(']');
+    if (nEnd == std::string_view::npos) {
+        return false;
+    }
+    name = text.substr(1, nEnd - 1);
+    return true;
+}
+
+bool isComment(std::string_view line) {
+    return !line.empty() && (line.front() == ';' || line.front() == '#');
+}
+
+bool splitPair(std::string_view line, std::string_view &key, std::string_view &value) {
+    if (isComment(line) || endsSection(line)) {
+        return false;
+    }
+    const std::string_view text = lineText(line);
+    const size_t nSign = text.find('=');
+    if (nSign == std::string_view::npos || nSign == 0) {
+        return false;
+    }
+    key = text.substr(0, nSign);
+    value = text.substr(nSign + 1);
+    return true;
+}
+
+UniqueFd openRegular(int fdDirectory, const char *szPath, bool blFollow, struct stat &status) {
+    // Not to wait for the other end of a pipe that stands in the file's place.
+    UniqueFd fd(
+        openat(fdDirectory, szPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (blFollow ? 0 : O_NOFOLLOW)));
+    if (!fd.valid() || fstat(fd.get(), &status) != 0) {
+        QOVACORE_SET_CODE(SNAP_ERR_OPEN_FAILED);
+        return UniqueFd();
+    }
+    if (!S_ISREG(status.st_mode)) {
+        QOVACORE_SET_CODE_ERRNO(SNAP_ERR_OPEN_FAILED, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+        return UniqueFd();
+    }
+    return fd;
+}
+
+namespace {
+
+// read at an offset, begun again when a signal came.
+ssize_t readAt(int fd, char *pBuf, size_t cbBuf, off_t nOffset) {
+    for (;;) {
+        const ssize_t nRead = pread(fd, pBuf, cbBuf, nOffset);
+        if (nRead >= 0 || errno != EINTR) {
+            return nRead;
+        }
+    }
+}
+
+constexpr size_t BUFFER_BYTES = 65536;
+
+} // namespace
+
+LineReader::LineReader(int fd, off_t begin) : m_fd(fd), m_buffer(BUFFER_BYTES), m_offset(begin) {}
+
+// Reads on behind what the buffer holds. 1 something came, 0 the file is at its end, -1 failure.
+int LineReader::fill() {
+    if (m_begin > 0) {
+        memmove(m_buffer.data(), m_buffer.data() + m_begin, m_end - m_begin);
+        m_offset += static_cast<off_t>(m_begin);
+        m_end -= m_begin;
+        m_begin = 0;
+    }
+    if (m_end == m_buffer.size()) {
+        m_buffer.resize(m_buffer.size() * 2);
+    }
+    const ssize_t nRead =
+        readAt(m_fd, m_buffer.data() + m_end, m_buffer.size() - m_end, m_offset + static_cast<off_t>(m_end));
+    if (nRead < 0) {
+        QOVACORE_SET_CODE(SNAP_ERR_READ_FAILED);
+        return -1;
+    }
+    m_end += static_cast<size_t>(nRead);
+    return nRead > 0 ? 1 : 0;
+}
+
+int LineReader::next(Line &line) {
+    size_t cbSearched = 0;
+    for (;;) {
+        const char *pBegin = m_buffer.data() + m_begin;
+        const size_t cbHeld = m_end - m_begin;
+        const auto *pEnd = static_cast<const char *>(memchr(pBegin + cbSearched, '\n', cbHeld - cbSearched));
+        if (pEnd != nullptr || (m_blEnd && cbHeld > 0)) {
+            const size_t cbText = pEnd != nullptr ? static_cast<size_t>(pEnd - pBegin) : cbHeld;
+            line.text = {pBegin, cbText};
+            line.begin = position();
+            m_begin += cbText + (pEnd != nullptr ? 1 : 0);
+            line.end = position();
+            return 1;
+        }
+        if (m_blEnd) {
+            return 0;
+        }
+        cbSearched = cbHeld;
+        const int nFilled = fill();
+        if (nFilled < 0) {
+            return -1;
+        }
+        m_blEnd = nFilled == 0;
+    }
+}
+
+bool readRange(int fd, off_t begin, off_t end, std::string &text) {
+    text.resize(static_cast<size_t>(end - begin));
+    size_t cbHeld = 0;
+    while (cbHeld < text.size()) {
+        const ssize_t nRead =
+            readAt(fd, text.data() + cbHeld, text.size() - cbHeld, begin + static_cast<off_t>(cbHeld));
+        if (nRead < 0) {
+            QOVACORE_SET_CODE(SNAP_ERR_READ_FAILED);
+            return false;
+        }
+        if (nRead == 0) {
+            break;
+        }
+        cbHeld += static_cast<size_t>(nRead);
+    }
+    text.resize(cbHeld);
+    return true;
+}
+
+} // namespace qovacore
+
+using namespace qovacore;
+
+int QLIBCIFileIsSection(const char *szLine, size_t cbLine) {
+    std::string_view name;
+    return szLine != nullptr && parseHeader({szLine, strnlen(szLine, cbLine)}, name) ? 1 : 0;
+}
+
+int QLIBCIFileMatchSection(const char *szLine, size_t cbLine, const char *szSection) {
+    std::string_view name;
+    return szLine != nullptr && szSection != nullptr && parseHeader({szLine, strnlen(szLine, cbLine)}, name) &&
+                   name == szSection
+               ? 1
+               : 0;
+}
+
+int QLIBCFileParseSectionName(const char *szLine, char *szBuf, size_t cbBuf) {
+    std::string_view name;
+    if (szLine == nullptr || szBuf == nullptr || !parseHeader(szLine, name) || name.size() >= cbBuf) {
+        QOVACORE_SET_CODE_ERRNO(SNAP_ERR_BAD_PARAMETER, EINVAL);
+        return -1;
+    }
+    memcpy(szBuf, name.data(), name.size());
+    szBuf[name.size()] = '\0';
+    return 0;
+}
+
+namespace {
+
+// Pushes a text that isn't ended by a NUL byte, through a buffer on the stack where it is short.
+int pushText(QLIBCSZLIST **ppList, std::string_view text) {
+    char rgShort[256];
+    if (text.size() >= sizeof(rgShort)) {
+        return QLIBCSzListPush(ppList, std::string(text).c_str());
+    }
+    memcpy(rgShort, text.data(), text.size());
+    rgShort[text.size()] = '\0';
+    return QLIBCSzListPush(ppList, rgShort);
+}
+
+} // namespace
+
+int QLIBCStrSepPair(const char *szLine, QLIBCSZLIST **ppList) {
+    return guarded([=] {
+        std::string_view key;
+        std::string_view value;
+        if (szLine == nullptr || ppList == nullptr || *ppList == nullptr || !splitPair(szLine, key, value)) {
+            QOVACORE_SET_CODE_ERRNO(SNAP_ERR_BAD_PARAMETER, EINVAL);
+            return -1;
+        }
+        return pushText(ppList, key) < 0 || pushText(ppList, value) < 0 ? -1 : 0;
+    });
+}
