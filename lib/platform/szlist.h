@@ -25,7 +25,8 @@ QOVA_PLATFORM_API const char *QLIBCSzListGet(const QLIBCSZLIST *pList, int nInde
 QOVA_PLATFORM_API void QLIBCSzListRemoveAll(QLIBCSZLIST *pList);
 /* Index of the first equal item, -1 when absent. */
 QOVA_PLATFORM_API int QLIBCSzListFind(const QLIBCSZLIST *pList, const char *szItem);
-/* New list, in the first list's order, of the strings that stand in both / in the first only; null on failure. */
+/* New list, in the first list's order, of the strings that stand in both / in the first only; null on failure. The
+   time grows with the sum of the lengths, not with their product. cbInit as for QLIBCSzListAlloc. */
 QOVA_PLATFORM_API QLIBCSZLIST *QLIBCSzListAnd(const QLIBCSZLIST *pList, const QLIBCSZLIST *pOther, size_t cbInit);
 QOVA_PLATFORM_API QLIBCSZLIST *QLIBCSzListSub(const QLIBCSZLIST *pList, const QLIBCSZLIST *pOther, size_t cbInit);
 

@@ -7,10 +7,12 @@
 
 QOVA_BEGIN_DECLS
 
-/* Splits at each szSeparator, drops empty pieces, pushes the others. 0 or -1. */
+/* Splits at each szSeparator (a whole text, not a set of characters; not empty), drops empty pieces, pushes the
+   others. 0 or -1. */
 QOVA_PLATFORM_API int QLIBCStrTok(const char *szText, const char *szSeparator, QLIBCSZLIST **ppList);
-/* Joins nItem texts into *pszResult, which it allocates or enlarges (*pcbResult is its size in bytes); the caller frees
-   it with free. 0 or -1. */
+
+/* Joins nItem texts into *pszResult, which it allocates or enlarges (*pcbResult is its size in bytes; it starts null
+   with 0); the caller frees it with free. No text gives "". 0; or -1, the result then as it was. */
 QOVA_PLATFORM_API int QLIBCStrJoin(const char *const *rgszItem, int nItem, const char *szSeparator, char **pszResult,
                                    int *pcbResult);
 
