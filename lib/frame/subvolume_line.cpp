@@ -1,0 +1,34 @@
+#include "frame/subvolume_line.h"
+
+#include <cstring>
+
+namespace sharesnap {
+
+namespace {
+
+// The rest of a line that is longer than the buffer must not be read as a line of its own.
+void SkipRestOfLine(FILE *pStream, const char *szLine) {
+    if (std::strchr(szLine, '\n') != nullptr) {
+        return;
+    }
+    int nByte = std::fgetc(pStream);
+    while (nByte != EOF && nByte != '\n') {
+        nByte = std::fgetc(pStream);
+    }
+}
+
+} // namespace
+
+bool NextSubvolumePath(FILE *pStream, char (&szPath)[kSubvolumeLineSize]) {
+    char szLine[kSubvolumeLineSize];
+    while (std::fgets(szLine, sizeof(szLine), pStream) != nullptr) {
+        SkipRestOfLine(pStream, szLine);
+        // The path is shorter than its line, so it fits.
+        if (std::sscanf(szLine, "ID %*u gen %*u top level %*u path %[^\n]\n", szPath) == 1) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace sharesnap

@@ -1,0 +1,233 @@
+// A task in a child process under a time limit. The child signals its parent when the task is done; the handler writes
+// to a pipe, and the parent's select on that pipe ends by that byte or by the limit.
+#include <fcntl.h>
+#include <sharesnap/frame.h>
+#include <sharesnap/platform/file_lock.h>
+#include <sys/select.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <vector>
+
+#include "frame/log.h"
+#include "frame/owners.h"
+
+using namespace sharesnap;
+
+namespace {
+
+// Read end, write end; -1 outside a call. The signal handler gets no argument, so it stands here.
+int gPipeFd[2] = {-1, -1};
+
+void ForkedChildNotify(int) {
+    const ErrnoKeeper keeper;
+    // A full pipe already says what this byte would say; outside a call there is nobody to tell.
+    if (write(gPipeFd[1], "", 1) < 0) {
+        return;
+    }
+}
+
+class NotifyPipe {
+public:
+    NotifyPipe() = default;
+    NotifyPipe(const NotifyPipe &) = delete;
+    NotifyPipe &operator=(const NotifyPipe &) = delete;
+    ~NotifyPipe() {
+        const ErrnoKeeper keeper;
+        for (int &nFd : gPipeFd) {
+            const int nClosing = nFd;
+            nFd = -1; // first, so that a late signal doesn't write to what opens next
+            if (nClosing >= 0) {
+                (void)close(nClosing); // a pipe: nothing can be lost
+            }
+        }
+    }
+
+    [[nodiscard]] static bool open() {
+        if (pipe2(gPipeFd, O_CLOEXEC) == -1) {
+            return false;
+        }
+        for (const int nFd : gPipeFd) {
+            const int nFlags = fcntl(nFd, F_GETFL);
+            if (nFlags < 0 || fcntl(nFd, F_SETFL, nFlags | O_NONBLOCK) < 0) {
+                SNAP_LOG(LOG_ERR, "Set flag on pipe fd failed (%d)", errno);
+                return false;
+            }
+        }
+        return true;
+    }
+
+    static void drain() {
+        char buffer[4096];
+        while (read(gPipeFd[0], buffer, sizeof(buffer)) > 0) {}
+    }
+};
+
+int ForkedChildKill(pid_t pid, int nSignal) {
+    if (pid < 1) {
+        return SNAP_BAD_ARGUMENT("0 < pid");
+    }
+    SNAP_LOG(LOG_DEBUG, "kill PID (%d) with the signal (%d)", pid, nSignal);
+    if (kill(pid, 0) < 0) {
+        return 0; // gone
+    }
+    return kill(pid, nSignal);
+}
+
+// Waits for the child whatever signals arrive, so that none is left as a zombie.
+pid_t Reap(pid_t pid, int *pnStatus) {
+    pid_t reaped = 0;
+    do {
+        reaped = waitpid(pid, pnStatus, 0);
+    } while (reaped == -1 && errno == EINTR);
+    return reaped;
+}
+
+// select on descriptors of any number: an fd_set holds those below FD_SETSIZE only, a row of them holds more.
+class ReadySet {
+public:
+    explicit ReadySet(int nHighest) : sets_(static_cast<size_t>(nHighest / FD_SETSIZE) + 1), nHighest_(nHighest) {
+        for (fd_set &set : sets_) {
+            FD_ZERO(&set);
+        }
+    }
+    void add(int nFd) { FD_SET(nFd % FD_SETSIZE, &sets_[static_cast<size_t>(nFd / FD_SETSIZE)]); }
+    [[nodiscard]] int wait(unsigned long ulSeconds) {
+        struct timeval left = {static_cast<time_t>(ulSeconds), 0};
+        return select(nHighest_ + 1, sets_.data(), nullptr, nullptr, &left);
+    }
+
+private:
+    std::vector<fd_set> sets_;
+    int nHighest_;
+};
+
+// Ends by the child's byte, by the child's end or by the limit. A child that something else kills sends no byte: a
+// descriptor of the process itself tells of it at once. (A kernel without such descriptors leaves it to the limit.)
+int WaitForEnd(unsigned long ulSecTimeout, pid_t pid) {
+    const DescriptorOwner child(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    ReadySet ready(std::max(gPipeFd[0], child.get()));
+    ready.add(gPipeFd[0]);
+    if (child) {
+        ready.add(child.get());
+    }
+    return ready.wait(ulSecTimeout);
+}
+
+// The limit has passed: SIGTERM, and SIGKILL only when that can't be sent.
+int EndOverrun(pid_t pid) {
+    if (ForkedChildKill(pid, SIGTERM) < 0) {
+        SNAP_LOG(LOG_ERR, "Failed to kill PID(%d) with signal(%d), errno: %d", pid, SIGTERM, errno);
+        if (ForkedChildKill(pid, SIGKILL) < 0) {
+            SNAP_LOG(LOG_ERR, "Failed to kill PID(%d) with signal(%d), errno: %d", pid, SIGKILL, errno);
+        }
+    }
+    SNAP_SET_ERR(SNAP_ERR_TIME_LIMIT);
+    int nStatus = 0;
+    if (Reap(pid, &nStatus) == -1) {
+        SNAP_LOG(LOG_ERR, "Failed to waid PID[%d], errno: %d", pid, errno);
+    }
+    return -1;
+}
+
+int ForkedChildWait(unsigned long ulSecTimeout, pid_t pid, int *pRetChild) {
+    if (ulSecTimeout == 0) {
+        return SNAP_BAD_ARGUMENT("0 < ulSecTimeout");
+    }
+    if (pid < 1) {
+        return SNAP_BAD_ARGUMENT("0 < pid");
+    }
+    if (pRetChild == nullptr) {
+        return SNAP_BAD_ARGUMENT("NULL != retChild");
+    }
+    const int nReady = WaitForEnd(ulSecTimeout, pid);
+    if (nReady == 0) {
+        return EndOverrun(pid);
+    }
+    if (nReady > 0) {
+        NotifyPipe::drain();
+    }
+    int nStatus = 0;
+    if (Reap(pid, &nStatus) == -1) {
+        SNAP_LOG(LOG_ERR, "Failed to waid PID[%d], errno: %d", pid, errno);
+        return -1;
+    }
+    if (WIFEXITED(nStatus)) {
+        *pRetChild = WEXITSTATUS(nStatus);
+    }
+    return 0;
+}
+
+void StandardStreamsToNull() {
+    const int nFd = open("/dev/null", O_RDWR);
+    if (nFd < 0) {
+        return; // the task runs with what there is
+    }
+    for (const int nTarget : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        (void)dup2(nFd, nTarget); // likewise
+    }
+    if (nFd > STDERR_FILENO) {
+        (void)close(nFd);
+    }
+}
+
+[[noreturn]] void RunChild(pid_t parent, const TimeLimitTask *pTask) {
+    StandardStreamsToNull();
+    QLIBCFileCloseLock(); // the parent's locks must not live as long as the child
+    (void)setsid();       // a new child never leads a group, so this can't fail
+    const int nResult = pTask->pfnTask(pTask->pArg);
+    if (ForkedChildKill(parent, SIGUSR1) < 0) {
+        SNAP_LOG(LOG_ERR, "Failed to kill PID(%d) with signal(%d), errno: %d", parent, SIGUSR1, errno);
+    }
+    _exit(nResult);
+}
+
+int RunForked(unsigned long ulSecTimeout, const TimeLimitTask *pTask, int *pFuncRet) {
+    const pid_t parent = getpid();
+    const NotifyPipe pipe;
+    if (!NotifyPipe::open()) {
+        return -1;
+    }
+    struct sigaction action = {};
+    action.sa_handler = ForkedChildNotify;
+    sigemptyset(&action.sa_mask);
+    if (sigaction(SIGUSR1, &action, nullptr) < 0) {
+        SNAP_LOG(LOG_ERR, "Failed to sigaction(), errno:%d", errno);
+        return -1;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        RunChild(parent, pTask);
+    }
+    if (child == -1) {
+        SNAP_LOG(LOG_ERR, "Failed to fork the new process, errno: %d", errno);
+        SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
+        return -1;
+    }
+    if (ForkedChildWait(ulSecTimeout, child, pFuncRet) < 0) {
+        if (QLIBCErrGet() != SNAP_ERR_TIME_LIMIT) {
+            SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
+        }
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int ShareSnapTimeLimitFork(unsigned long ulSecTimeout, const TimeLimitTask *pTimeLimitTask, int *pFuncRet) {
+    if (ulSecTimeout == 0) {
+        return SNAP_BAD_ARGUMENT("0 < ulSecTimeout");
+    }
+    if (pTimeLimitTask == nullptr) {
+        return SNAP_BAD_ARGUMENT("((void *)0) != pTimeLimitTask");
+    }
+    if (pFuncRet == nullptr) {
+        return SNAP_BAD_ARGUMENT("NULL != pFuncRet");
+    }
+    return RunForked(ulSecTimeout, pTimeLimitTask, pFuncRet);
+}
