@@ -228,16 +228,8 @@ int BtrfsListSnaps(const QOVASHARE *pShare, QLIBCSZLIST **ppList) {
         SNAP_LOG(LOG_ERR, "Failed to do [%s], err=%m", szCommand);
         return -1;
     }
-    int nEncrypted = 0;
-    if (QLIBShareIsEncryptionGet(pShare, &nEncrypted) < 0) {
-        SNAP_LOG_REG(LOG_ERR, "Failed to get encryption status of share [%s] [0x%04X %s:%d]", pShare->szName);
-        return -1;
-    }
     char szPrefix[kPathSize];
-    const bool blWritten = nEncrypted != 0
-                               ? FormatPath(szPrefix, sizeof(szPrefix), "%s/@%s@/", kSnapshotTop, pShare->szName)
-                               : FormatPath(szPrefix, sizeof(szPrefix), "%s/%s/", kSnapshotTop, pShare->szName);
-    if (!blWritten) {
+    if (!SnapshotPrefix(pShare, szPrefix, sizeof(szPrefix))) {
         return -1;
     }
     const size_t cbPrefix = std::strlen(szPrefix);

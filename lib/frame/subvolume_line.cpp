@@ -2,6 +2,9 @@
 
 #include <cstring>
 
+#include "frame/log.h"
+#include "frame/path_format.h"
+
 namespace sharesnap {
 
 namespace {
@@ -29,6 +32,16 @@ bool NextSubvolumePath(FILE *pStream, char (&szPath)[kSubvolumeLineSize]) {
         }
     }
     return false;
+}
+
+bool SnapshotPrefix(const QOVASHARE *pShare, char *szPrefix, size_t cbPrefix) {
+    int nEncrypted = 0;
+    if (QLIBShareIsEncryptionGet(pShare, &nEncrypted) < 0) {
+        SNAP_LOG_REG(LOG_ERR, "Failed to get encryption status of share [%s] [0x%04X %s:%d]", pShare->szName);
+        return false;
+    }
+    return nEncrypted != 0 ? FormatPath(szPrefix, cbPrefix, "%s/@%s@/", "@sharesnap", pShare->szName)
+                           : FormatPath(szPrefix, cbPrefix, "%s/%s/", "@sharesnap", pShare->szName);
 }
 
 } // namespace sharesnap
