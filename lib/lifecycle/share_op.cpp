@@ -12,6 +12,7 @@
 
 #include "frame/log.h"
 #include "frame/owners.h"
+#include "frame/path_format.h"
 #include "intl_utils/share_info_get.h"
 #include "lifecycle/snapshot_path.h"
 
@@ -76,7 +77,7 @@ struct Removal {
 
 [[nodiscard]] bool RemoveIcon(const Removal &r) {
     char szPath[kPathSize] = "";
-    if (!JoinPath(szPath, sizeof(szPath), r.szSnapDir, kIconFile)) {
+    if (!FormatPath(szPath, sizeof(szPath), "%s/%s", r.szSnapDir, kIconFile)) {
         SNAP_SET_ERR(SNAP_ERR_REMOVE_FAILED);
         return false;
     }

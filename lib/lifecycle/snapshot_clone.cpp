@@ -10,6 +10,7 @@
 
 #include "frame/log.h"
 #include "frame/owners.h"
+#include "frame/path_format.h"
 #include "lifecycle/snapshot_path.h"
 
 namespace {
@@ -75,12 +76,7 @@ struct Cloning {
         }
         return true;
     }
-    const int nLength = std::snprintf(szBuf, cbBuf, "%s", pShare->szPath);
-    if (nLength < 0 || static_cast<size_t>(nLength) >= cbBuf) {
-        SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
-        return false;
-    }
-    return true;
+    return FormatPath(szBuf, cbBuf, "%s", pShare->szPath);
 }
 
 // Whether the snapshot stands is left to the clone itself.
@@ -90,7 +86,7 @@ struct Cloning {
     }
     char szDirectory[kPathSize] = "";
     if (QOVAShareSnapGetOrCreateSnapDir(c.pOrigShare, szDirectory, sizeof(szDirectory), 0) != 1 ||
-        !JoinPath(c.szSource, sizeof(c.szSource), szDirectory, c.szSnapName)) {
+        !FormatPath(c.szSource, sizeof(c.szSource), "%s/%s", szDirectory, c.szSnapName)) {
         SNAP_LOG_REG(LOG_ERR, "Fail to get snapshot directory [0x%04X %s:%d]");
         return false;
     }

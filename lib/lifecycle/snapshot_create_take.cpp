@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "frame/log.h"
+#include "frame/path_format.h"
 #include "lifecycle/snapshot_create.h"
 
 namespace {
@@ -49,8 +50,7 @@ struct Taking {
         return false;
     }
     if (nEncrypted == 0) {
-        const int nLength = std::snprintf(t.szSource, sizeof(t.szSource), "%s", pShare->szPath);
-        return nLength >= 0 && static_cast<size_t>(nLength) < sizeof(t.szSource);
+        return FormatPath(t.szSource, sizeof(t.szSource), "%s", pShare->szPath);
     }
     if (QLIBShareEncryptPathGet(pShare->szPath, t.szSource, sizeof(t.szSource)) < 0) {
         SNAP_LOG(LOG_ERR, "Get EncPath failed.");
@@ -73,11 +73,7 @@ struct Taking {
         SNAP_LOG_REG(LOG_ERR, "Fail to create and get snapshot dir for share %s. [0x%04X %s:%d]", t.c.pShare->szName);
         return false;
     }
-    if (!JoinPath(t.szTarget, sizeof(t.szTarget), szDirectory, t.c.szName)) {
-        SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
-        return false;
-    }
-    return true;
+    return FormatPath(t.szTarget, sizeof(t.szTarget), "%s/%s", szDirectory, t.c.szName);
 }
 
 [[nodiscard]] bool TakeSubvolume(const Taking &t) {

@@ -3,6 +3,7 @@
 #include <sharesnap/platform/subvolume.h>
 
 #include "frame/log.h"
+#include "frame/path_format.h"
 #include "lifecycle/snapshot_remove_list.h"
 
 namespace {
@@ -13,7 +14,7 @@ using namespace sharesnap;
 void QueueAsDeleted(const char *szSubvol, const char *szSnapDir, const QLIBCSZLIST *pList) {
     for (int i = 0; i < pList->nItem; ++i) {
         char szPath[kPathSize] = "";
-        if (!JoinPath(szPath, sizeof(szPath), szSnapDir, QLIBCSzListGet(pList, i)) ||
+        if (!FormatPath(szPath, sizeof(szPath), "%s/%s", szSnapDir, QLIBCSzListGet(pList, i)) ||
             QOVABtrfsDeletedSubvolAdd(szSubvol, szPath) != 0) {
             SNAP_LOG_REG(LOG_ERR, "Failed to add subvol [%s] to deleted subvol list[0x%04X %s:%d]", szSubvol);
         }

@@ -8,6 +8,7 @@
 
 #include "frame/log.h"
 #include "frame/owners.h"
+#include "frame/path_format.h"
 #include "intl_utils/share_info_get.h"
 #include "lifecycle/snapshot_path.h"
 
@@ -59,8 +60,7 @@ int QOVAShareSnapDeletingCountGet(const char *szSharePath, uint32_t *cDeletingCo
         return -1;
     }
     char szPath[kPathSize] = ""; // basename cuts the path that it is given
-    if (std::snprintf(szPath, sizeof(szPath), "%s", szSharePath) >= static_cast<int>(sizeof(szPath))) {
-        SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
+    if (!FormatPath(szPath, sizeof(szPath), "%s", szSharePath)) {
         return -1;
     }
     const char *szName = basename(szPath);

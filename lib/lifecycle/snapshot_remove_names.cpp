@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "frame/log.h"
+#include "frame/path_format.h"
 #include "lifecycle/snapshot_remove_list.h"
 
 namespace sharesnap {
@@ -76,9 +77,7 @@ TemporaryFile::~TemporaryFile() {
 }
 
 bool TemporaryFile::Create(const char *szTarget) {
-    const int nLength = std::snprintf(szPath_, sizeof(szPath_), "%s.XXXXXX", szTarget);
-    if (nLength < 0 || static_cast<size_t>(nLength) >= sizeof(szPath_)) {
-        errno = ENAMETOOLONG;
+    if (!FormatPath(szPath_, sizeof(szPath_), "%s.XXXXXX", szTarget)) {
         SNAP_LOG(LOG_ERR, "Failed create tmp file [%s] errno:%d", szPath_, errno);
         return false;
     }
