@@ -104,7 +104,11 @@ void dropIndex(Hash *pHash) {
     pHash->nSlot = 0;
 }
 
+// Enters all pairs anew, where there is an index.
 void fillIndex(Hash *pHash) {
+    if (pHash->nSlot == 0) {
+        return;
+    }
     for (uint32_t i = 0; i < pHash->nSlot; ++i) {
         pHash->pIndex[i] = -1;
     }
