@@ -4,6 +4,7 @@ file(GLOB sources CONFIGURE_DEPENDS tools/sharesnap/*.cpp)
 if(sources AND TARGET qovasharesnapshot)
     add_executable(sharesnap ${sources})
     set_target_properties(sharesnap PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    target_compile_definitions(sharesnap PRIVATE SHARESNAP_VERSION="${PROJECT_VERSION}")
     target_include_directories(sharesnap PRIVATE tools)
     target_compile_definitions(sharesnap PRIVATE SHARESNAP_VERSION="${PROJECT_VERSION}")
     target_link_libraries(sharesnap PRIVATE qovasharesnapshot ${SHARESNAP_PLATFORM_LIBRARIES} CLI11::CLI11

@@ -1,0 +1,92 @@
+// sharesnap clone: a new share out of a share or of one of its snapshots.
+#include "failure.h"
+#include "share_admin.h"
+#include "share_lookup.h"
+#include "text.h"
+#include "verbs.h"
+
+#include <sharesnap/frame.h>
+#include <sharesnap/lifecycle.h>
+#include <sharesnap/platform/error.h>
+#include <sharesnap/platform/share_admin.h>
+
+#include <memory>
+#include <sys/stat.h>
+
+namespace command {
+namespace {
+
+struct CloneArguments {
+    std::string share;
+    std::string newName;
+    std::string snapshot;
+};
+
+void requireNothingAt(const std::string &path, const std::string &what) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0) {
+        throw Failure(exitRefused, what + ": something stands at " + printable(path) + " already",
+                      "choose another name, or move it away");
+    }
+}
+
+void requireStandingSnapshot(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
+    (void)requireSnapshot(share, snapshot); // its attributes aren't wanted, its absence is
+    char path[4096] = "";
+    if (QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)) != 1) {
+        throw Failure(exitNotFound, what + ": snapshot " + quoted(snapshot) + " is not at " + printable(path),
+                      "`sharesnap sync " + printable(share.szName) + "` takes it from the list");
+    }
+}
+
+// Everything is as in the share it comes from but for name and path.
+QOVASHARE cloneRecord(const QOVASHARE &share, std::string &name, std::string &path) {
+    QOVASHARE record = share;
+    record.szName = name.data();
+    record.szPath = path.data();
+    return record;
+}
+
+int cloneShare(const CloneArguments &arguments) {
+    checkShareName(arguments.newName);
+    const std::string what = "can't clone share " + quoted(arguments.share) + " to " + quoted(arguments.newName);
+    requireRoot(what);
+    const Share share = requireBtrfsShare(arguments.share, "can't clone");
+    requireDataSubvolume(*share, "can't clone");
+    requireFreeName(arguments.newName, what);
+    std::string name = arguments.newName;
+    std::string path = volumeOf(*share, "can't clone") + "/" + name;
+    const QOVASHARE record = cloneRecord(*share, name, path);
+    requireNothingAt(path, what);
+    requireNothingAt(dataPath(record), what);
+    const char *snapshot = nullptr;
+    if (!arguments.snapshot.empty()) {
+        requireStandingSnapshot(*share, arguments.snapshot, what);
+        snapshot = arguments.snapshot.c_str();
+    }
+    // Plug-ins that are told of the clone find its record.
+    forgetCause();
+    if (QOVAShareRecordAdd(&record) != 0) {
+        throw libraryFailure(what + " (" + printable(path) + ")", record, causeNow());
+    }
+    forgetCause();
+    if (QOVAShareSnapClone(share.get(), &record, snapshot) != 0) {
+        const Cause cause = causeNow();
+        (void)QOVAShareRecordRemove(name.c_str()); // the failure that is told is the clone's
+        throw libraryFailure(what + " (" + printable(path) + ")", *share, cause);
+    }
+    return exitDone;
+}
+
+} // namespace
+
+void addCloneVerb(Verb &root) {
+    auto arguments = std::make_shared<CloneArguments>();
+    Verb verb = root.add("clone", "Make a new share, with its own files, out of a share or a snapshot");
+    verb.takes("SHARE", arguments->share, "Name of the share to clone")
+        .takes("NEW", arguments->newName, "Name of the new share; it lies on the same volume")
+        .option("--snapshot", arguments->snapshot, "SNAPSHOT", "From this snapshot instead of the share as it is")
+        .runs([arguments] { return cloneShare(*arguments); });
+}
+
+} // namespace command

@@ -1,0 +1,121 @@
+// sharesnap share: the shares that can have snapshots.
+#include "failure.h"
+#include "share_admin.h"
+#include "share_lookup.h"
+#include "text.h"
+#include "verbs.h"
+
+#include <sharesnap/counters.h>
+#include <sharesnap/frame.h>
+#include <sharesnap/lifecycle.h>
+
+#include <memory>
+
+namespace command {
+namespace {
+
+Json shareDocument(const QOVASHARE &share) {
+    Json entry = Json::object();
+    entry["name"] = validUtf8(share.szName);
+    entry["path"] = validUtf8(share.szPath);
+    entry["description"] = validUtf8(share.szDesc);
+    entry["encrypted"] = isEncrypted(share);
+    return entry;
+}
+
+int listShares(const OutputForm &form) {
+    int status = exitDone;
+    Table table({"SHARE", "PATH", "ENCRYPTED", "DESCRIPTION"});
+    Json document = newDocument();
+    document["shares"] = Json::array();
+    for (const std::string &name : shareNames()) {
+        try {
+            const Share share = requireShare(name);
+            table.addRow({name, share->szPath, isEncrypted(*share) ? "yes" : "no", share->szDesc});
+            document["shares"].push_back(shareDocument(*share));
+        } catch (const Failure &failure) { // one bad record doesn't hide the others
+            complain(failure.message(), failure.next());
+            status = exitInPart;
+        }
+    }
+    if (form.json) {
+        printDocument(document);
+    } else {
+        table.print(form);
+    }
+    return status;
+}
+
+// What makes a share fit for snapshots, in words; empty when it is.
+std::string obstacle(const QOVASHARE &share) {
+    try {
+        const std::string what = "no snapshots of";
+        const Share checked = requireBtrfsShare(share.szName, what);
+        requireDataSubvolume(*checked, what);
+        forgetCause();
+        if (QOVAShareSnapCheckSupport(&share, nullptr, SNAP_CREATE) != 0) {
+            return libraryFailure("no snapshots of " + named(share), share, causeNow()).message();
+        }
+    } catch (const Failure &failure) {
+        return failure.message();
+    }
+    return "";
+}
+
+int showShare(const std::string &name, const OutputForm &form) {
+    const Share share = requireShare(name);
+    const std::string no = obstacle(*share);
+    const int count = no.empty() ? ShareSnapSnapCountGet(share.get(), 0) : -1;
+    const int limit = QOVAShareSnapMaximumGet();
+    if (form.json) {
+        Json document = newDocument();
+        document["share"] = shareDocument(*share);
+        document["supported"] = no.empty();
+        document["reason"] = no.empty() ? Json() : Json(validUtf8(no));
+        document["snapshots"] = count >= 0 ? Json(count) : Json();
+        document["limit"] = limit;
+        printDocument(document);
+        return exitDone;
+    }
+    Table table({"FACT", "VALUE"});
+    table.addRow({"share", name});
+    table.addRow({"path", share->szPath});
+    table.addRow({"description", share->szDesc});
+    table.addRow({"encrypted", isEncrypted(*share) ? "yes" : "no"});
+    table.addRow({"denied", share->szDenyList});
+    table.addRow({"read and write", share->szRWList});
+    table.addRow({"read only", share->szROList});
+    table.addRow({"snapshots", no.empty() ? std::to_string(count) + " of " + std::to_string(limit) : no});
+    table.print(form);
+    return exitDone;
+}
+
+} // namespace
+
+void addShareVerbs(Verb &root) {
+    const OutputForm *form = &root.form();
+    Verb group = root.add("share", "List, show, add and remove shares");
+    group.add("list,ls", "List the shares").runs([form] { return listShares(*form); });
+
+    auto name = std::make_shared<std::string>();
+    Verb show = group.add("show", "Show one share, and whether it can have snapshots");
+    show.takes("SHARE", *name, "Name of the share").runs([name, form] { return showShare(*name, *form); });
+
+    auto adding = std::make_shared<ShareAddition>();
+    Verb add = group.add("add", "Make a share: its subvolume and its record");
+    add.takes("SHARE", adding->name, "Name of the new share")
+        .takes("PATH", adding->path, "Its path, /VOLUME/SHARE")
+        .option("--desc", adding->description, "TEXT", "Description")
+        .flag("--existing", adding->existing, "The subvolume stands already: only write the record")
+        .flag("--encrypted", adding->encrypted,
+              "With --existing: the data are a gocryptfs back end at /VOLUME/@SHARE@, mounted at PATH")
+        .runs([adding] { return addShare(*adding); });
+
+    auto removal = std::make_shared<ShareRemoval>();
+    Verb remove = group.add("remove,rm", "Take a share's record and settings away; its files stay");
+    remove.takes("SHARE", removal->name, "Name of the share")
+        .flag("--clean", removal->clean, "Remove the empty list of snapshots and the empty snapshot directory, too")
+        .runs([removal] { return removeShare(*removal); });
+}
+
+} // namespace command

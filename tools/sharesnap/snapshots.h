@@ -1,0 +1,37 @@
+// The snapshots of a share, gathered in one pass over its list.
+#pragma once
+
+#include "handles.h"
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace command {
+
+struct Snapshot {
+    std::string name;
+    std::optional<time_t> time; // none when the name holds no time
+    Pairs attributes;
+
+    // The value of an attribute; null when it hasn't got it.
+    [[nodiscard]] const std::string *attribute(const std::string &key) const;
+    [[nodiscard]] std::string text(const std::string &key) const; // empty without it
+    [[nodiscard]] bool hidden() const { return text("hide") == "true"; }
+};
+
+struct Selection {
+    bool hidden = false; // hidden ones, too
+    std::optional<time_t> since;
+    std::optional<time_t> until;
+    std::vector<std::string> attributes; // as QOVAShareSnapAttrSelector takes them: key, key=part, key==value, !...
+};
+
+// Those that pass, sorted by time, oldest first; those without a time come last. Throws a Failure.
+[[nodiscard]] std::vector<Snapshot> gatherSnapshots(const QOVASHARE &share, const Selection &selection);
+
+// Throws a Failure (usage) for an attribute filter that says nothing.
+void checkAttributeFilters(const std::vector<std::string> &filters);
+
+} // namespace command

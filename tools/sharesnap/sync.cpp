@@ -1,0 +1,172 @@
+// sharesnap sync: makes the lists of snapshots true to what the volumes hold.
+#include "failure.h"
+#include "progress.h"
+#include "share_lookup.h"
+#include "snapshots.h"
+#include "text.h"
+#include "verbs.h"
+
+#include <sharesnap/metadata.h>
+#include <sharesnap/platform/volume.h>
+
+#include <algorithm>
+#include <memory>
+
+namespace command {
+namespace {
+
+struct SyncArguments {
+    std::string share;
+    bool all = false;
+    bool dryRun = false;
+};
+
+struct Difference {
+    std::vector<std::string> stale;   // in the list only
+    std::vector<std::string> missing; // on the volume only
+    [[nodiscard]] bool none() const { return stale.empty() && missing.empty(); }
+};
+
+std::vector<std::string> namesOnVolume(const QOVASHARE &share, const std::string &what) {
+    const std::string volume = volumeOf(share, what);
+    List all = newList();
+    List own = newList();
+    forgetCause();
+    if (SnapMetaSyncBtrfsListVol(volume.c_str(), all.address()) < 0 ||
+        SnapMetaSyncFindShareSnapList(&share, all.get(), own.address()) < 0) {
+        throw libraryFailure(what + " " + named(share) + ": the volume " + printable(volume) + " can't be read", share,
+                             causeNow());
+    }
+    return itemsOf(own);
+}
+
+std::vector<std::string> namesInList(const QOVASHARE &share) {
+    List names = newList();
+    forgetCause();
+    if (QOVAShareSnapList(&share, names.address(), nullptr) != 0) {
+        throw libraryFailure("can't list the snapshots of " + named(share), share, causeNow());
+    }
+    return itemsOf(names);
+}
+
+Difference compare(const QOVASHARE &share) {
+    std::vector<std::string> list = namesInList(share);
+    std::vector<std::string> volume = namesOnVolume(share, "can't compare");
+    std::sort(list.begin(), list.end());
+    std::sort(volume.begin(), volume.end());
+    Difference difference;
+    std::set_difference(list.begin(), list.end(), volume.begin(), volume.end(), std::back_inserter(difference.stale));
+    std::set_difference(volume.begin(), volume.end(), list.begin(), list.end(), std::back_inserter(difference.missing));
+    return difference;
+}
+
+struct Report {
+    Table table{{"SHARE", "SNAPSHOT", "CHANGE"}};
+    Json shares = Json::array();
+    int done = 0;
+    int failed = 0;
+};
+
+void addToReport(Report &report, const std::string &share, const Difference &difference, bool dryRun) {
+    const std::string would = dryRun ? "would be " : "";
+    for (const std::string &name : difference.stale) {
+        report.table.addRow({share, name, would + "taken from the list: it is not on the volume"});
+    }
+    for (const std::string &name : difference.missing) {
+        report.table.addRow({share, name, would + "added to the list: it stands on the volume"});
+    }
+    const auto names = [](const std::vector<std::string> &items) {
+        Json array = Json::array();
+        for (const std::string &item : items) {
+            array.push_back(validUtf8(item));
+        }
+        return array;
+    };
+    Json entry = Json::object();
+    entry["name"] = validUtf8(share);
+    entry["removed"] = names(difference.stale);
+    entry["added"] = names(difference.missing);
+    report.shares.push_back(entry);
+}
+
+void syncOne(const std::string &name, bool dryRun, Report &report) {
+    const Share share = requireBtrfsShare(name, "can't sync");
+    const Difference before = compare(*share);
+    if (!dryRun) {
+        forgetCause();
+        if (QOVAShareSnapMetaSync(share.get()) != 0) {
+            throw libraryFailure("can't sync " + named(*share), *share, causeNow());
+        }
+        // Single snapshots that can't be put right don't show in the result.
+        const Difference after = compare(*share);
+        if (!after.none()) {
+            const std::string first = after.stale.empty() ? after.missing.front() : after.stale.front();
+            throw Failure(exitFailed,
+                          "can't sync " + named(*share) + ": list and volume still differ in snapshot " + quoted(first),
+                          "the system log tells more: journalctl -t sharesnap");
+        }
+    }
+    addToReport(report, name, before, dryRun);
+}
+
+bool onBtrfs(const std::string &name) {
+    const Share share = requireShare(name);
+    char volume[4096] = "";
+    return QOVAShareVolPathGet(share->szPath, volume, sizeof(volume)) >= 0 && QOVAGetFSType(volume, 0) == FS_TYPE_BTRFS;
+}
+
+void syncAll(const SyncArguments &arguments, Report &report) {
+    Progress progress;
+    for (const std::string &name : shareNames()) {
+        try {
+            if (!onBtrfs(name)) {
+                continue;
+            }
+            progress.show("share " + printable(name));
+            syncOne(name, arguments.dryRun, report);
+            ++report.done;
+        } catch (const Failure &failure) {
+            progress.clear();
+            complain(failure.message(), failure.next());
+            ++report.failed;
+        }
+    }
+}
+
+int syncShares(const SyncArguments &arguments, const OutputForm &form) {
+    if (arguments.all == !arguments.share.empty()) {
+        throw Failure(exitUsage, "sync needs either a share or --all", "sharesnap sync SHARE");
+    }
+    requireRoot("can't sync");
+    Report report;
+    if (arguments.all) {
+        syncAll(arguments, report);
+    } else {
+        syncOne(arguments.share, arguments.dryRun, report);
+    }
+    if (form.json) {
+        Json document = newDocument();
+        document["dry_run"] = arguments.dryRun;
+        document["shares"] = report.shares;
+        printDocument(document);
+    } else {
+        report.table.print(form);
+    }
+    if (report.failed == 0) {
+        return exitDone;
+    }
+    return report.done > 0 ? exitInPart : exitFailed;
+}
+
+} // namespace
+
+void addSyncVerb(Verb &root) {
+    auto arguments = std::make_shared<SyncArguments>();
+    Verb verb = root.add("sync", "Make the list of snapshots true to what the volume holds");
+    verb.takesOptional("SHARE", arguments->share, "Name of the share")
+        .flag("--all", arguments->all, "All shares on Btrfs volumes")
+        .flag("--dry-run", arguments->dryRun, "Only tell what would change")
+        .runs([arguments, form = &root.form()] { return syncShares(*arguments, *form); });
+}
+
+} // namespace command
