@@ -128,7 +128,8 @@ int SetHidden(const char *szPath, bool blHide) {
 /* The kernel's record of an open subvolume. -1 with code and errno; a file system that has no such record, or a kernel
    that can't give it, is told by 0xD900. */
 int ReadInfo(int nFd, btrfs_ioctl_get_subvol_info_args *pInfo) {
-    if (ioctl(nFd, BTRFS_IOC_GET_SUBVOL_INFO, pInfo) == 0) {
+    // Some kernels give 1 for a success.
+    if (ioctl(nFd, BTRFS_IOC_GET_SUBVOL_INFO, pInfo) >= 0) {
         return 0;
     }
     if (errno == ENOTTY) {
