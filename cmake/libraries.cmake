@@ -118,10 +118,9 @@ file(CONFIGURE OUTPUT ${exports_script} CONTENT [[
 @exported_symbols@
         extern "C++" {
             QovaSnapTree::*;
-            "typeinfo for QovaSnapTree::*";
-            "typeinfo name for QovaSnapTree::*";
-            "vtable for QovaSnapTree::*";
         };
+        # Their tables and type information, which have a space in the name and so no pattern in C++.
+        _ZT[ISTV]N12QovaSnapTree*;
     local:
         *;
 };
