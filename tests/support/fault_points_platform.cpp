@@ -105,6 +105,7 @@ FILE *standIn_QLIBCPopen(const char *program, const char *mode, ...) {
     auto *arguments = const_cast<char *const *>(texts.data());
     const Verdict verdict = judgeCall(slot_QLIBCPopen, __builtin_return_address(0));
     if (verdict.what == Verdict::replaced) {
+        const WithinReplacement within;
         using Function = FILE *(const char *, const char *, char *const *);
         return (*static_cast<std::function<Function> *>(slot_QLIBCPopen.replacement))(program, mode, arguments);
     }
@@ -125,6 +126,7 @@ int standIn_QOVALogSet1(int type, int level, unsigned int event, ...) {
     va_end(rest);
     const Verdict verdict = judgeCall(slot_QOVALogSet1, __builtin_return_address(0));
     if (verdict.what == Verdict::replaced) {
+        const WithinReplacement within;
         using Function = int(int, int, unsigned int, const char *const *);
         return (*static_cast<std::function<Function> *>(slot_QOVALogSet1.replacement))(type, level, event,
                                                                                        texts.data());

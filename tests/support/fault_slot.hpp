@@ -51,6 +51,15 @@ Verdict judgeCall(FaultSlot &slot, void *returnAddress);
 // The function that would have been called without ours.
 void *realOf(FaultSlot &slot);
 
+// What a replacement calls goes to the real functions.
+class WithinReplacement {
+public:
+    WithinReplacement();
+    WithinReplacement(const WithinReplacement &) = delete;
+    WithinReplacement &operator=(const WithinReplacement &) = delete;
+    ~WithinReplacement();
+};
+
 // Sets errno and the error register.
 void reportFault(const Verdict &verdict);
 
@@ -78,6 +87,7 @@ Result interposed(FaultSlot &slot, void *returnAddress, Arguments... arguments) 
     using Function = Result(Arguments...);
     const Verdict verdict = judgeCall(slot, returnAddress);
     if (verdict.what == Verdict::replaced) {
+        const WithinReplacement within;
         return (*static_cast<std::function<Function> *>(slot.replacement))(arguments...);
     }
     if (verdict.what == Verdict::pass) {

@@ -93,6 +93,7 @@ struct Ranges {
 };
 Ranges library;
 Ranges program;
+bool ownCalls;        // the program's calls count, too
 Ranges lookedThrough; // the C++ run-time and Boost call for whoever called them
 
 void addObject(Ranges &ranges, const dl_phdr_info &object) {
@@ -131,8 +132,12 @@ void findLibrary() {
     (void)once;
 }
 
+bool isCounted(void *address) {
+    return library.hold(address) || (ownCalls && program.hold(address));
+}
+
 bool comesFromLibrary(void *returnAddress) {
-    if (library.hold(returnAddress)) {
+    if (isCounted(returnAddress)) {
         return true;
     }
     if (!lookedThrough.hold(returnAddress)) {
@@ -142,7 +147,7 @@ bool comesFromLibrary(void *returnAddress) {
     const auto end = frames.begin() + backtrace(frames.data(), int(frames.size()));
     auto frame = std::find(frames.begin(), end, returnAddress);
     frame = std::find_if(frame, end, [](void *address) { return !lookedThrough.hold(address); });
-    return frame != end && library.hold(*frame);
+    return frame != end && isCounted(*frame);
 }
 
 std::vector<FaultSlot *> makeRegistry() {
@@ -414,6 +419,22 @@ Bypass::~Bypass() {
     --bypassed;
 }
 
+WithinReplacement::WithinReplacement() {
+    ++bypassed;
+}
+
+WithinReplacement::~WithinReplacement() {
+    --bypassed;
+}
+
+OwnCalls::OwnCalls() {
+    ownCalls = true;
+}
+
+OwnCalls::~OwnCalls() {
+    ownCalls = false;
+}
+
 void detail::setReplacement(const std::string &symbol, const std::type_info &type, void *function) {
     findLibrary();
     FaultSlot &slot = slotOf(symbol);
@@ -444,6 +465,7 @@ std::vector<std::string> faultSymbols() {
 void forgetFaults() {
     sweepTarget = 0;
     sweepError = 0;
+    ownCalls = false;
     for (size_t i = 0; i < mostPlans; ++i) {
         removePlan(i);
     }

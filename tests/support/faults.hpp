@@ -108,6 +108,16 @@ public:
     ~Bypass();
 };
 
+// While one lives, the test program's own calls are taken for the library's. For testing code that is linked into the
+// program; what a replacement calls is never judged.
+class OwnCalls {
+public:
+    OwnCalls();
+    OwnCalls(const OwnCalls &) = delete;
+    OwnCalls &operator=(const OwnCalls &) = delete;
+    ~OwnCalls();
+};
+
 namespace detail {
 void setReplacement(const std::string &symbol, const std::type_info &type, void *function);
 void *realFunction(const std::string &symbol);

@@ -38,7 +38,8 @@ constexpr int secondsToWait = 30; // for a lock that the test expects to be free
 LockHolder::LockHolder(const std::string &path, int mode) {
     int orders[2];
     int answers[2];
-    if (!makeDirectories(path.substr(0, path.rfind('/'))) || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, orders) != 0) {
+    if (!makeDirectories(path.substr(0, path.rfind('/'))) ||
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, orders) != 0) {
         return;
     }
     orders_ = orders[1];
