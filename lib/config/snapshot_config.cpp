@@ -74,7 +74,8 @@ int ShareSnapConfFileCheck(int blCreate) {
     if (nFile != 0 || blCreate == 0) {
         return nFile;
     }
-    const DescriptorOwner file(creat(kFile, 0644));
+    // Without cutting it: another process may have made and filled it since the check.
+    const DescriptorOwner file(open(kFile, O_CREAT | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file) {
         SNAP_SET_ERR(SNAP_ERR_CREATE_FAILED);
         return 0;
