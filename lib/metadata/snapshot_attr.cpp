@@ -8,10 +8,10 @@
 #include <cstring>
 
 #include "frame/log.h"
+#include "frame/metadata_lock.h"
 #include "frame/owners.h"
 #include "frame/path_format.h"
 #include "metadata/attr_limits.h"
-#include "metadata/meta_lock.h"
 
 using namespace sharesnap;
 
@@ -105,8 +105,8 @@ void RevertHide(const SingleSet *pSet) {
 
 // File first, subvolume second, both under the lock. 0 or -1.
 int SetUnderLock(SingleSet *pSet) {
-    MetaLock lock;
-    if (!lock.take(pSet->pShare, MetaLockMode::exclusive)) {
+    MetadataLock lock;
+    if (!lock.take(pSet->pShare, MetadataLockMode::exclusive)) {
         return -1;
     }
     if (WriteSection(pSet) < 0) {
@@ -228,8 +228,8 @@ int QOVAShareSnapAttrGet(const QOVASHARE *pShare, const char *szSnapName, const 
         SNAP_LOG_REG(LOG_ERR, "Failed to access metadata file on share [%s] [0x%04X %s:%d]", pShare->szName);
         return -1;
     }
-    MetaLock lock;
-    if (!lock.take(pShare, MetaLockMode::shared)) {
+    MetadataLock lock;
+    if (!lock.take(pShare, MetadataLockMode::shared)) {
         return -1;
     }
     if (QLIBCFileGetSectionValue(szFile, szSnapName, szAttr, szValue, cbValue) < 0) {
@@ -257,8 +257,8 @@ int QOVAShareSnapAttrList(const QOVASHARE *pShare, const char *szSnapName, QLIBC
         SNAP_SET_ERR(SNAP_ERR_NO_SUCH_SECTION);
         return -1;
     }
-    MetaLock lock;
-    if (!lock.take(pShare, MetaLockMode::shared)) {
+    MetadataLock lock;
+    if (!lock.take(pShare, MetadataLockMode::shared)) {
         return -1;
     }
     if (QLIBCFileGetSection(szFile, szSnapName, ppHash) < 0) {
@@ -324,8 +324,8 @@ int QOVAShareSnapAttrMultiSet(const QOVASHARE *pShare, const char *szSnapName, c
                      szSnapName);
         return -1;
     }
-    MetaLock lock;
-    if (!lock.take(pShare, MetaLockMode::exclusive)) {
+    MetadataLock lock;
+    if (!lock.take(pShare, MetadataLockMode::exclusive)) {
         return -1;
     }
     // From here on only the register tells of a failure.
@@ -353,8 +353,8 @@ int QOVAShareSnapAttrDelete(const QOVASHARE *pShare, const char *szSnapName, con
     if (ReadForDelete(pShare, szSnapName, szFile, &hash) < 0) {
         return -1;
     }
-    MetaLock lock;
-    if (!lock.take(pShare, MetaLockMode::exclusive)) {
+    MetadataLock lock;
+    if (!lock.take(pShare, MetadataLockMode::exclusive)) {
         return -1;
     }
     if (QLIBCSzHashGetValue(hash.get(), szAttr) == nullptr) {

@@ -11,8 +11,8 @@
 #include <initializer_list>
 
 #include "frame/log.h"
+#include "frame/metadata_lock.h"
 #include "frame/owners.h"
-#include "metadata/meta_lock.h"
 
 using namespace sharesnap;
 
@@ -92,16 +92,16 @@ int ReadBody(LineReader *pReader, FILE *pStream, QLIBCSZLIST **ppPair, QLIBCSZHA
 struct Listing {
     ReadStreamOwner stream;
     HashOwner hash;
-    MetaLock lock;
+    MetadataLock lock;
 };
 
 // Takes the shared lock as root, whoever calls, and gives the privilege back. When the lock fails it stays taken.
-int LockAsRoot(const QOVASHARE *pShare, MetaLock *pLock) {
+int LockAsRoot(const QOVASHARE *pShare, MetadataLock *pLock) {
     const uid_t uidCaller = geteuid();
     if (uidCaller != 0) {
         (void)seteuid(0); // without the right to it the lock fails or not, which is what counts
     }
-    if (!pLock->take(pShare, MetaLockMode::shared)) {
+    if (!pLock->take(pShare, MetadataLockMode::shared)) {
         return -1;
     }
     if (geteuid() != uidCaller && seteuid(uidCaller) < 0) {

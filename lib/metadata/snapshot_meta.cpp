@@ -8,10 +8,10 @@
 #include <cstdio>
 
 #include "frame/log.h"
+#include "frame/metadata_lock.h"
 #include "frame/owners.h"
 #include "frame/path_format.h"
 #include "metadata/attr_limits.h"
-#include "metadata/meta_lock.h"
 
 using namespace sharesnap;
 
@@ -135,8 +135,8 @@ int QOVAShareSnapMetaSectionAdd(const QOVASHARE *pShare, const char *szSnapName,
         SNAP_LOG_REG(LOG_ERR, "Failed to create metadata file on share [%s] [0x%04X %s:%d]", pShare->szName);
         return -1;
     }
-    MetaLock lock;
-    if (!lock.take(pShare, MetaLockMode::exclusive)) {
+    MetadataLock lock;
+    if (!lock.take(pShare, MetadataLockMode::exclusive)) {
         return -1;
     }
     return AddSection(szPath, szSnapName, pshHash);
@@ -153,8 +153,8 @@ int SnapMetaSectionDel(const QOVASHARE *pShare, const char *szSnapName, int blLo
         SNAP_SET_ERR(SNAP_ERR_META_ACCESS);
         return -1;
     }
-    MetaLock lock;
-    if (blLock != 0 && !lock.take(pShare, MetaLockMode::exclusive)) {
+    MetadataLock lock;
+    if (blLock != 0 && !lock.take(pShare, MetadataLockMode::exclusive)) {
         return -1;
     }
     if (SnapFileSectionRemove(szPath, szSnapName) <= 0) {

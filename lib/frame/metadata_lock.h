@@ -1,6 +1,6 @@
 // The metadata lock of a share, held for a scope.
-#ifndef SHARESNAP_METADATA_META_LOCK_H
-#define SHARESNAP_METADATA_META_LOCK_H
+#ifndef SHARESNAP_FRAME_METADATA_LOCK_H
+#define SHARESNAP_FRAME_METADATA_LOCK_H
 
 #include <sharesnap/frame.h>
 #include <sharesnap/platform/error.h>
@@ -11,22 +11,22 @@
 
 namespace sharesnap {
 
-enum class MetaLockMode { shared = 0, exclusive = 1 };
+enum class MetadataLockMode { shared = 0, exclusive = 1 };
 
 // Unlocking can fail: that is logged, and neither the result nor the code of the operation changes by it.
-class MetaLock {
+class MetadataLock {
 public:
-    MetaLock() = default;
-    ~MetaLock() {
+    MetadataLock() = default;
+    ~MetadataLock() {
         release([this] {
             SNAP_LOG_REG(LOG_ERR, "fail to QLIBCFileUnlockByFile of share(%s) metadata[0x%04X %s:%d]", pShare_->szName);
         });
     }
-    MetaLock(const MetaLock &) = delete;
-    MetaLock &operator=(const MetaLock &) = delete;
+    MetadataLock(const MetadataLock &) = delete;
+    MetadataLock &operator=(const MetadataLock &) = delete;
 
     // Waits up to 10 seconds. Logs a failure.
-    [[nodiscard]] bool take(const QOVASHARE *pShare, MetaLockMode mode) {
+    [[nodiscard]] bool take(const QOVASHARE *pShare, MetadataLockMode mode) {
         pShare_ = pShare;
         nFd_ = QOVAShareSnapLockMetaFile(pShare, static_cast<int>(mode));
         if (nFd_ < 0) {
