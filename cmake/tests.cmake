@@ -29,6 +29,8 @@ target_compile_definitions(sharesnap_test_support
     PUBLIC SHARESNAP_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
            SHARESNAP_BUILD_DIR="${PROJECT_BINARY_DIR}"
            SHARESNAP_SIMULATED_DIR="${SHARESNAP_SIMULATED_DIR}"
+           SHARESNAP_SIMULATED_TOOL="${PROJECT_BINARY_DIR}/tests/programs/simulated_btrfs"
+           SHARESNAP_SANDBOX_RUN="${PROJECT_BINARY_DIR}/tests/programs/sandbox_run"
            SHARESNAP_BTRFS_TOOL="${PROJECT_BINARY_DIR}/libexec/sharesnap/btrfs"
            SHARESNAP_COMMAND="${PROJECT_BINARY_DIR}/bin/sharesnap")
 target_link_libraries(sharesnap_test_support
@@ -36,6 +38,9 @@ target_link_libraries(sharesnap_test_support
            Threads::Threads ${CMAKE_DL_LIBS})
 # googletest's macros and headers are not ours to mend.
 target_compile_options(sharesnap_test_support PUBLIC $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)
+# The tests' own code need not be fast, but there is much of it to compile. (g++ 12 also takes some of the standard
+# library's inlined strings for overruns when it optimises.)
+target_compile_options(sharesnap_test_support PUBLIC -O0)
 
 # googletest and the standard headers take most of a test's compile time: they are compiled once, and so with the very
 # options of the programs that use them.
@@ -48,9 +53,23 @@ else()
     target_compile_options(sharesnap_test_support PUBLIC "SHELL:-Xclang -fno-pch-timestamp")
 endif()
 
+# Programs that tests and scripts start: the sandbox for any command, and what lists simulated subvolumes.
+# They don't use the library of the test support, whose stand-ins for other functions are no business of theirs.
+set(sandbox_sources sandbox.cpp sandbox_volume.cpp files.cpp process.cpp)
+list(TRANSFORM sandbox_sources PREPEND tests/support/)
+add_executable(sandbox_run tests/support/programs/sandbox_run.cpp ${sandbox_sources})
+add_executable(simulated_btrfs tests/support/programs/simulated_btrfs.cpp tests/support/simulated/registry.cpp)
+foreach(program sandbox_run simulated_btrfs)
+    target_include_directories(${program} PRIVATE tests)
+    target_compile_definitions(${program}
+        PRIVATE $<TARGET_PROPERTY:sharesnap_test_support,INTERFACE_COMPILE_DEFINITIONS>)
+    target_link_libraries(${program} PRIVATE ${CMAKE_DL_LIBS})
+    set_target_properties(${program} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/programs)
+endforeach()
+
 # What the tests of one process tree need to stand before they run.
 set(runtime_targets "")
-foreach(target sharesnap sharesnap_btrfs simulated_storagecore)
+foreach(target sharesnap sharesnap_btrfs simulated_storagecore sandbox_run simulated_btrfs)
     if(TARGET ${target})
         list(APPEND runtime_targets ${target})
     endif()
