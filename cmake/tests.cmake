@@ -28,6 +28,7 @@ target_include_directories(sharesnap_test_support PUBLIC ${PROJECT_SOURCE_DIR}/t
 target_compile_definitions(sharesnap_test_support
     PUBLIC SHARESNAP_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
            SHARESNAP_BUILD_DIR="${PROJECT_BINARY_DIR}"
+           SHARESNAP_BOOST_VERSION=${Boost_VERSION_MACRO}
            SHARESNAP_SIMULATED_DIR="${SHARESNAP_SIMULATED_DIR}"
            SHARESNAP_SIMULATED_TOOL="${PROJECT_BINARY_DIR}/tests/programs/simulated_btrfs"
            SHARESNAP_SANDBOX_RUN="${PROJECT_BINARY_DIR}/tests/programs/sandbox_run"

@@ -3,6 +3,8 @@
 //   using MetaFile = testkit::VolumeTest;          // or a class derived from it
 //   TEST_F(MetaFile, KeepsCommentsOverARewrite) {...}
 //
+//   TESTKIT_RUNS_SIMULATED;                        // once in a program: it runs on the simulated core, also as root
+//
 // VolumeTest needs root and a kernel with Btrfs, SimulatedVolumeTest the simulated storage core; where that isn't to be
 // had they skip and say why.
 #pragma once
@@ -14,6 +16,14 @@
 #include <string>
 
 #include "sandbox.hpp"
+
+bool testkitRunsSimulated();
+
+#define TESTKIT_RUNS_SIMULATED    \
+    bool testkitRunsSimulated() { \
+        return true;              \
+    }                             \
+    static_assert(true, "takes the semicolon")
 
 namespace testkit {
 

@@ -1,6 +1,7 @@
 // The main program of every test program: one known state to start from, the sandbox, and a fresh one for each test.
 #include "faults.hpp"
 #include "files.hpp"
+#include "fixtures.hpp"
 #include "log_capture.hpp"
 #include "sandbox.hpp"
 
@@ -56,14 +57,9 @@ class FreshState : public testing::EmptyTestEventListener {
     }
 };
 
-// The simulated storage core carries the tests where real volumes can't be had.
-bool wantsSimulated(int argc, char **argv) {
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--simulated") == 0) {
-            return true;
-        }
-    }
-    return geteuid() != 0;
+// Without root it is the only one.
+bool wantsSimulated() {
+    return testkitRunsSimulated() || geteuid() != 0;
 }
 
 // The dynamic linker reads its path at the start of a program only, so the program starts itself again.
@@ -82,9 +78,14 @@ void useSimulatedCore(char **argv) {
 
 } // namespace
 
+// A test program that says otherwise has a definition of its own, see fixtures.hpp.
+__attribute__((weak)) bool testkitRunsSimulated() {
+    return false;
+}
+
 int main(int argc, char **argv) {
     standardProcess();
-    if (wantsSimulated(argc, argv)) {
+    if (wantsSimulated()) {
         useSimulatedCore(argv);
     }
     testing::InitGoogleTest(&argc, argv);
@@ -95,6 +96,11 @@ int main(int argc, char **argv) {
         // Without the sandbox the fixed paths are the machine's own: nothing may run.
         std::printf("[  SKIPPED ] %s\n", testkit::Sandbox::reason().c_str());
         return exitSkipped;
+    }
+    const std::string failure = testkit::Sandbox::simulated() ? testkit::Sandbox::useSimulatedTool() : "";
+    if (!failure.empty()) {
+        std::printf("%s\n", failure.c_str());
+        return EXIT_FAILURE;
     }
     testing::UnitTest::GetInstance()->listeners().Append(new FreshState);
     return RUN_ALL_TESTS();

@@ -46,6 +46,10 @@ public:
     // True when the storage core in use is the simulated one.
     [[nodiscard]] static bool simulated();
 
+    // Puts the program that lists simulated subvolumes in the place of the one that lists real ones; done by main for
+    // programs on the simulated core. Empty, or the reason of a failure.
+    [[nodiscard]] static std::string useSimulatedTool();
+
     // Brings everything that belongs to the sandbox into the state of a new one: empty directories, no volumes.
     static void reset();
 

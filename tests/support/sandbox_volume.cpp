@@ -166,6 +166,15 @@ std::string Sandbox::mountVolume(const std::string &mountPoint, const std::strin
     return failure.empty() ? mountImage(imagePath, mountPoint, type) : failure;
 }
 
+std::string Sandbox::useSimulatedTool() {
+    if (!exists(SHARESNAP_BTRFS_TOOL)) {
+        return std::string("not built: ") + SHARESNAP_BTRFS_TOOL;
+    }
+    return mount(SHARESNAP_SIMULATED_TOOL, SHARESNAP_BTRFS_TOOL, nullptr, MS_BIND, nullptr) == 0
+               ? ""
+               : because("no simulated tool");
+}
+
 std::string Sandbox::mountSimulatedVolume(const std::string &mountPoint) {
     if (kind() == Kind::none) {
         return reason();
