@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -69,10 +70,21 @@ bool enterUserNamespace() {
            writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n");
 }
 
-// The namespace alone. Root without the right to mount (a container) may still have user namespaces.
+// Root of a user namespace can mount what needs no device only, as can root of many containers.
+bool isRootOfTheMachine() {
+    std::istringstream map(readFile("/proc/self/uid_map"));
+    unsigned long inside = 1;
+    unsigned long outside = 1;
+    unsigned long count = 0;
+    map >> inside >> outside >> count;
+    return geteuid() == 0 && inside == 0 && outside == 0 && count == 0xFFFFFFFFUL;
+}
+
+// The namespace alone. Root without the right to make one (a container) may still have user namespaces.
 Sandbox::Kind unshareMounts(Steps &step) {
+    const bool machine = isRootOfTheMachine();
     if (geteuid() == 0 && unshare(CLONE_NEWNS) == 0) {
-        return Sandbox::Kind::root;
+        return machine ? Sandbox::Kind::root : Sandbox::Kind::userNamespace;
     }
     step("no mount namespace", enterUserNamespace());
     return Sandbox::Kind::userNamespace;
