@@ -1,0 +1,315 @@
+// Random rewrites against a plain model of the rules, with the invariants checked after each step. The model knows
+// names, parents and times, and nothing of the implementation. SHARESNAP_TREE_SEQUENCES sets the number of sequences.
+#include <sharesnap/snaptree.hpp>
+
+#include <algorithm>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/fixtures.hpp"
+#include "support/log_capture.hpp"
+#include "support/tree_names.hpp"
+
+namespace {
+
+using namespace QovaSnapTree;
+using testkit::nameText;
+using testkit::objectName;
+using testkit::snapName;
+using testkit::treeName;
+
+// The text form of a name is its key here; what follows from it is kept beside it.
+struct Node {
+    nodeName name;
+    std::string parent;
+    std::set<std::string> children;
+    long time = -1; // of a snapshot that can climb; -1 for all else
+};
+
+// One step: what to do, and which of the candidates to do it with.
+struct Step {
+    unsigned int kind;
+    unsigned int first;
+    unsigned int second;
+};
+
+class Model {
+public:
+    Model() { nodes["root"] = Node{testkit::rootName(), "", {}, -1}; }
+
+    std::map<std::string, Node> nodes;
+
+    void link(const nodeName &name, const std::string &parent, long time = -1) {
+        nodes[nameText(name)] = Node{name, parent, {}, time};
+        nodes[parent].children.insert(nameText(name));
+    }
+
+    void move(const std::string &node, const std::string &parent) {
+        nodes[nodes[node].parent].children.erase(node);
+        nodes[node].parent = parent;
+        nodes[parent].children.insert(node);
+    }
+
+    // The oldest child snapshot takes the place of a removed one, and the other children with it.
+    void removeSnapshot(const std::string &snap) {
+        std::string heir;
+        for (const std::string &child : nodes[snap].children) {
+            if (nodes[child].time >= 0 && (heir.empty() || nodes[child].time < nodes[heir].time)) {
+                heir = child;
+            }
+        }
+        const std::string parent = nodes[snap].parent;
+        const std::set<std::string> children = nodes[snap].children;
+        if (!heir.empty()) {
+            move(heir, parent);
+        }
+        for (const std::string &child : children) {
+            if (child != heir) {
+                move(child, heir.empty() ? parent : heir);
+            }
+        }
+        nodes[parent].children.erase(snap);
+        nodes.erase(snap);
+    }
+
+    [[nodiscard]] std::vector<std::string> ofType(int type) const {
+        std::vector<std::string> found;
+        for (const auto &entry : nodes) {
+            if (entry.second.name.type == type) {
+                found.push_back(entry.first);
+            }
+        }
+        return found;
+    }
+
+    [[nodiscard]] std::vector<std::string> snapshotsOf(const std::string &object) const {
+        std::vector<std::string> found;
+        for (const std::string &snap : ofType(NODE_SNAPSHOT)) {
+            if (nodes.at(snap).name.objectName == object) {
+                found.push_back(snap);
+            }
+        }
+        return found;
+    }
+
+    // What is left of clone points without children, as a save does it.
+    void prune() {
+        for (bool again = true; again;) {
+            again = false;
+            for (const std::string &point : ofType(NODE_CLONE_POINT)) {
+                if (nodes[point].children.empty()) {
+                    nodes[nodes[point].parent].children.erase(point);
+                    nodes.erase(point);
+                    again = true;
+                }
+            }
+        }
+    }
+};
+
+class Run {
+public:
+    // The first difference, or nothing.
+    std::string play(const std::vector<Step> &steps) {
+        for (size_t i = 0; i < steps.size(); ++i) {
+            const std::string done = take(steps[i]);
+            const std::string wrong = compare();
+            if (!wrong.empty()) {
+                return "step " + std::to_string(i) + " (" + done + "): " + wrong;
+            }
+        }
+        return "";
+    }
+
+private:
+    SnapTree tree_;
+    Model model_;
+    unsigned int made_ = 0;
+
+    std::string expect(int wanted, int got, const std::string &what) {
+        return wanted == got ? what : what + " gave " + std::to_string(got) + "!";
+    }
+
+    std::string newObject() { return "o" + std::to_string(made_++); }
+
+    // Unique seconds of a past day; now and then a name that holds no time.
+    nodeName newSnapshot(const std::string &object, unsigned int choice, long *time) {
+        char text[40];
+        const unsigned int number = (made_++ * 7919U + choice) % 80000U;
+        *time = static_cast<long>(number);
+        if (choice % 9 == 0) {
+            *time = -1;
+            return snapName(object, "untimed" + std::to_string(made_));
+        }
+        (void)snprintf(text, sizeof(text), "GMT-2024.01.01-%02u.%02u.%02u", number / 3600, number / 60 % 60,
+                       number % 60);
+        return snapName(object, text);
+    }
+
+    std::string take(const Step &step) {
+        const std::vector<std::string> objects = model_.ofType(NODE_OBJECT);
+        if (step.kind % 8 == 0 || objects.empty()) {
+            const nodeName name = objectName(newObject());
+            model_.link(name, "root");
+            return expect(0, tree_.insertObject(name), "insertObject " + name.objectName);
+        }
+        const std::string objectKey = objects[step.first % objects.size()];
+        const nodeName object = model_.nodes[objectKey].name;
+        const std::vector<std::string> snaps = model_.snapshotsOf(object.objectName);
+        switch (step.kind % 8) {
+        case 1:
+        case 2:
+            return snapshot(object, objectKey, step.second);
+        case 3:
+            return cloneObject(object, objectKey);
+        case 7:
+            if (step.second % 4 == 0) {
+                return removeObject(object, objectKey, snaps);
+            }
+            model_.prune();
+            (void)tree_.deleteUselessClone(*tree_.getNode(testkit::rootName()));
+            return "prune";
+        default:
+            break;
+        }
+        if (snaps.empty()) {
+            return snapshot(object, objectKey, step.second);
+        }
+        const std::string snapKey = snaps[step.second % snaps.size()];
+        const nodeName snap = model_.nodes[snapKey].name;
+        if (step.kind % 8 == 4) {
+            const nodeName clone = objectName(newObject());
+            model_.link(clone, snapKey);
+            return expect(0, tree_.insertSnapClone(object, snap, clone), "insertSnapClone " + snapKey);
+        }
+        if (step.kind % 8 == 5) {
+            model_.move(objectKey, snapKey);
+            return expect(0, tree_.restoreObject(object, snap), "restoreObject " + objectKey + " to " + snapKey);
+        }
+        model_.removeSnapshot(snapKey);
+        return expect(0, tree_.deleteObjectSnap(object, snap), "delete " + snapKey);
+    }
+
+    std::string snapshot(const nodeName &object, const std::string &objectKey, unsigned int choice) {
+        long time = -1;
+        const nodeName snap = newSnapshot(object.objectName, choice, &time);
+        if (model_.nodes.count(nameText(snap)) != 0) {
+            return expect(-1, tree_.insertSnap(object, snap), "insertSnap again");
+        }
+        model_.link(snap, model_.nodes[objectKey].parent, time);
+        model_.move(objectKey, nameText(snap));
+        return expect(0, tree_.insertSnap(object, snap), "insertSnap " + nameText(snap));
+    }
+
+    std::string cloneObject(const nodeName &object, const std::string &objectKey) {
+        const nodeName clone = objectName(newObject());
+        const std::string done = expect(0, tree_.insertObjectClone(object, clone), "insertObjectClone " + objectKey);
+        std::string point = model_.nodes[objectKey].parent;
+        if (model_.nodes[point].name.type != NODE_CLONE_POINT) {
+            const nodeName drawn = tree_.getObject(object)->parent(); // its number is drawn by the tree
+            model_.link(drawn, point);
+            point = nameText(drawn);
+            model_.move(objectKey, point);
+        }
+        model_.link(clone, point);
+        return done;
+    }
+
+    std::string removeObject(const nodeName &object, const std::string &objectKey,
+                             const std::vector<std::string> &snaps) {
+        // The order in which an object's snapshots go is the order of their hashes.
+        std::vector<std::string> ordered = snaps;
+        const NodeNameComparator before;
+        std::sort(ordered.begin(), ordered.end(), [&](const std::string &a, const std::string &b) {
+            return before(model_.nodes[a].name, model_.nodes[b].name);
+        });
+        for (const std::string &snap : ordered) {
+            model_.removeSnapshot(snap);
+        }
+        model_.nodes[model_.nodes[objectKey].parent].children.erase(objectKey);
+        model_.nodes.erase(objectKey);
+        return expect(0, tree_.deleteObjectSnap(object, treeName(NODE_SNAPSHOT)), "delete " + objectKey);
+    }
+
+    // Every node of the model stands in the tree with the same parent and children, and the tree holds no others: that
+    // contains all invariants, since the model's links are whole.
+    [[nodiscard]] std::string compare() const {
+        size_t owned = 0;
+        for (const auto &entry : model_.nodes) {
+            const Node &node = entry.second;
+            const BaseNode *found = tree_.getNode(node.name);
+            if (found == nullptr) {
+                return entry.first + " isn't there";
+            }
+            if (nameText(found->name()) != entry.first) {
+                return entry.first + " is called " + nameText(found->name());
+            }
+            if (entry.first != "root" && nameText(found->parent()) != node.parent) {
+                return entry.first + " hangs under " + nameText(found->parent()) + ", not " + node.parent;
+            }
+            if (testkit::childNames(found) != node.children) {
+                return entry.first + " has other children";
+            }
+            if (node.name.type == NODE_OBJECT) {
+                owned += tree_.getObject(node.name)->listSnapshots().size();
+            }
+        }
+        if (owned != model_.ofType(NODE_SNAPSHOT).size()) {
+            return "the objects own " + std::to_string(owned) + " snapshots";
+        }
+        return "";
+    }
+};
+
+std::string playAlone(const std::vector<Step> &steps) {
+    return Run().play(steps);
+}
+
+// Leaves steps out as long as the rest still fails.
+std::vector<Step> shrink(std::vector<Step> steps) {
+    for (size_t i = 0; i < steps.size();) {
+        std::vector<Step> fewer = steps;
+        fewer.erase(fewer.begin() + static_cast<std::ptrdiff_t>(i));
+        if (playAlone(fewer).empty()) {
+            ++i;
+        } else {
+            steps = fewer;
+        }
+    }
+    return steps;
+}
+
+class TreeModel : public testkit::SandboxTest {};
+
+TEST_F(TreeModel, AgreesWithRandomRewrites) {
+    const char *wanted = std::getenv("SHARESNAP_TREE_SEQUENCES");
+    const unsigned long sequences = wanted == nullptr ? 1000 : std::strtoul(wanted, nullptr, 10);
+    std::mt19937 random(20260102);
+    for (unsigned long sequence = 0; sequence < sequences; ++sequence) {
+        std::vector<Step> steps(1 + random() % 60);
+        for (Step &step : steps) {
+            step = Step{static_cast<unsigned int>(random()), static_cast<unsigned int>(random()),
+                        static_cast<unsigned int>(random())};
+        }
+        const std::string wrong = playAlone(steps);
+        if (wrong.empty()) {
+            testkit::logClear();
+            continue;
+        }
+        steps = shrink(steps);
+        std::string text;
+        for (const Step &step : steps) {
+            text += "{" + std::to_string(step.kind) + ", " + std::to_string(step.first) + ", " +
+                    std::to_string(step.second) + "} ";
+        }
+        FAIL() << "sequence " << sequence << ": " << wrong << "\nshrunk to " << text << "\n" << playAlone(steps);
+    }
+    RecordProperty("sequences", std::to_string(sequences));
+}
+
+} // namespace
