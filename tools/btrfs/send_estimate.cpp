@@ -29,6 +29,7 @@ constexpr size_t RECORD_HEADER_SIZE = 10; // length, command, checksum
 constexpr size_t ATTRIBUTE_HEADER_SIZE = 4;
 constexpr uint64_t WRITE_SIZE = 48 * 1024; // data in one write record at most
 constexpr uint32_t LARGEST_RECORD = 16 * 1024 * 1024;
+constexpr uint16_t COMMAND_END = 21;
 constexpr uint16_t COMMAND_UPDATE_EXTENT = 22;
 constexpr uint16_t ATTRIBUTE_SIZE = 4;
 constexpr uint16_t ATTRIBUTE_PATH = 15;
@@ -69,8 +70,8 @@ public:
         return m_blGood;
     }
 
-    /* Whether the stream ended behind a whole record, and held one. */
-    [[nodiscard]] bool IsWhole() const { return m_blGood && m_pending.empty() && m_blAny; }
+    /* Whether the stream ended behind the record that tells its end. */
+    [[nodiscard]] bool IsWhole() const { return m_blGood && m_pending.empty() && m_blEnded; }
     [[nodiscard]] uint64_t Length() const { return m_ullLength; }
 
 private:
@@ -86,11 +87,11 @@ private:
             // Another version packs and cuts data in another way.
             m_blGood = ReadNumber<uint32_t>(pBytes + sizeof(STREAM_MAGIC)) == 1;
             m_ullLength += STREAM_HEADER_SIZE;
-            m_blAny = true;
+            m_blBegun = true;
             return STREAM_HEADER_SIZE;
         }
         const uint32_t cbBody = ReadNumber<uint32_t>(pBytes);
-        if (!m_blAny || LARGEST_RECORD < cbBody) {
+        if (!m_blBegun || LARGEST_RECORD < cbBody) {
             m_blGood = false;
             return 0;
         }
@@ -98,6 +99,7 @@ private:
             return 0;
         }
         const uint16_t uCommand = ReadNumber<uint16_t>(pBytes + sizeof(uint32_t));
+        m_blEnded = uCommand == COMMAND_END;
         if (uCommand == COMMAND_UPDATE_EXTENT) {
             CountExtent(pBytes + RECORD_HEADER_SIZE, cbBody);
         } else {
@@ -132,7 +134,8 @@ private:
     std::string m_pending;
     uint64_t m_ullLength = 0;
     bool m_blGood = true;
-    bool m_blAny = false;
+    bool m_blBegun = false;
+    bool m_blEnded = false;
 };
 
 /* Starts the real tool with its output on a pipe. The process id, -1 with errno. */
