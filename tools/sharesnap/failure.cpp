@@ -158,6 +158,7 @@ void complain(const std::string &message, const std::string &next) {
     if (!next.empty()) {
         text += "  next: " + next + "\n";
     }
+    (void)std::fflush(stdout);              // so that both keep their order where they go to one place
     (void)std::fputs(text.c_str(), stderr); // there is nowhere else to say it
 }
 

@@ -19,6 +19,11 @@ struct ListArguments {
     bool hidden = false;
 };
 
+// A program's path is shown by its last part.
+std::string shortProgram(const std::string &program) {
+    return program.substr(program.rfind('/') + 1);
+}
+
 void printTable(const std::vector<Snapshot> &snapshots, const ListArguments &arguments, const OutputForm &form) {
     std::vector<std::string> headers = {"SNAPSHOT", "TIME"};
     if (arguments.hidden) {
@@ -31,7 +36,7 @@ void printTable(const std::vector<Snapshot> &snapshots, const ListArguments &arg
         if (arguments.hidden) {
             row.emplace_back(snapshot.hidden() ? "yes" : "no");
         }
-        row.insert(row.end(), {snapshot.text("take-by"), snapshot.text("desc")});
+        row.insert(row.end(), {shortProgram(snapshot.text("take-by")), snapshot.text("desc")});
         table.addRow(std::move(row));
     }
     table.print(form);
