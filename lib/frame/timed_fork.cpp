@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <new>
 #include <vector>
 
 #include "frame/log.h"
@@ -87,22 +88,30 @@ pid_t Reap(pid_t pid, int *pnStatus) {
     return reaped;
 }
 
-// select on descriptors of any number: an fd_set holds those below FD_SETSIZE only, a row of them holds more.
+// select on descriptors of any number: an fd_set holds those below FD_SETSIZE only, a row of them holds more. Few
+// processes have so many files open that the row is needed.
 class ReadySet {
 public:
-    explicit ReadySet(int nHighest) : sets_(static_cast<size_t>(nHighest / FD_SETSIZE) + 1), nHighest_(nHighest) {
-        for (fd_set &set : sets_) {
+    explicit ReadySet(int nHighest) : nHighest_(nHighest) {
+        if (nHighest >= FD_SETSIZE) {
+            row_.resize(static_cast<size_t>(nHighest / FD_SETSIZE) + 1);
+        }
+        for (fd_set &set : row_) {
             FD_ZERO(&set);
         }
+        FD_ZERO(&single_);
     }
-    void add(int nFd) { FD_SET(nFd % FD_SETSIZE, &sets_[static_cast<size_t>(nFd / FD_SETSIZE)]); }
+    void add(int nFd) { FD_SET(nFd % FD_SETSIZE, first() + nFd / FD_SETSIZE); }
     [[nodiscard]] int wait(unsigned long ulSeconds) {
         struct timeval left = {static_cast<time_t>(ulSeconds), 0};
-        return select(nHighest_ + 1, sets_.data(), nullptr, nullptr, &left);
+        return select(nHighest_ + 1, first(), nullptr, nullptr, &left);
     }
 
 private:
-    std::vector<fd_set> sets_;
+    fd_set *first() { return row_.empty() ? &single_ : row_.data(); }
+
+    fd_set single_;
+    std::vector<fd_set> row_;
     int nHighest_;
 };
 
@@ -110,12 +119,16 @@ private:
 // descriptor of the process itself tells of it at once. (A kernel without such descriptors leaves it to the limit.)
 int WaitForEnd(unsigned long ulSecTimeout, pid_t pid) {
     const DescriptorOwner child(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    ReadySet ready(std::max(gPipeFd[0], child.get()));
-    ready.add(gPipeFd[0]);
-    if (child) {
-        ready.add(child.get());
+    try {
+        ReadySet ready(std::max(gPipeFd[0], child.get()));
+        ready.add(gPipeFd[0]);
+        if (child) {
+            ready.add(child.get());
+        }
+        return ready.wait(ulSecTimeout);
+    } catch (const std::bad_alloc &) {
+        return -1; // the child is waited for without a limit
     }
-    return ready.wait(ulSecTimeout);
 }
 
 // The limit has passed: SIGTERM, and SIGKILL only when that can't be sent.
