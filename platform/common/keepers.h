@@ -1,4 +1,4 @@
-// What a call puts back at its end.
+// Failing with a code, and what a call puts back at its end.
 #ifndef SHARESNAP_PLATFORM_COMMON_KEEPERS_H
 #define SHARESNAP_PLATFORM_COMMON_KEEPERS_H
 
@@ -7,6 +7,8 @@
 
 // A code of the register with this place, the file's name without folders.
 #define QOVA_SET_CODE(uCode) QLIBCErrSetEx((uCode), __FILE_NAME__, __LINE__)
+// The result of a function whose argument can't be used: -1, with the code and errno.
+#define QOVA_BAD_ARGUMENT() (QOVA_SET_CODE(SNAP_ERR_BAD_PARAMETER), errno = EINVAL, -1)
 
 namespace QovaPlatform {
 

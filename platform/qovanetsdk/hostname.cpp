@@ -1,16 +1,13 @@
 // The machine's name in the network.
 #include "common/keepers.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <sharesnap/platform/hostname.h>
 #include <sys/utsname.h>
 
 extern "C" int QOVALnxGetHostname(char *szBuf, size_t cbBuf) {
     if (szBuf == nullptr || cbBuf == 0) {
-        errno = EINVAL;
-        QOVA_SET_CODE(SNAP_ERR_BAD_PARAMETER);
-        return -1;
+        return QOVA_BAD_ARGUMENT();
     }
     utsname names = {};
     if (uname(&names) != 0) {

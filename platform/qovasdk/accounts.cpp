@@ -14,12 +14,6 @@ namespace {
 
 using namespace QovaPlatform;
 
-int badArgument() {
-    errno = EINVAL;
-    QOVA_SET_CODE(SNAP_ERR_BAD_PARAMETER);
-    return -1;
-}
-
 // A group of many members needs much room; what needs more than this isn't an account entry.
 constexpr size_t largestBuffer = 64U * 1024U * 1024U;
 
@@ -97,7 +91,7 @@ extern "C" {
 
 int QOVAUserGet(const char *szName, QOVAUSER **ppUser) {
     if (szName == nullptr || ppUser == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return getUser(ppUser, [szName](passwd *entry, char *buffer, size_t size, passwd **found) {
         return getpwnam_r(szName, entry, buffer, size, found);
@@ -106,7 +100,7 @@ int QOVAUserGet(const char *szName, QOVAUSER **ppUser) {
 
 int QOVAUserGetByUID(unsigned int uId, QOVAUSER **ppUser) {
     if (ppUser == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return getUser(ppUser, [uId](passwd *entry, char *buffer, size_t size, passwd **found) {
         return getpwuid_r(uId, entry, buffer, size, found);
@@ -119,7 +113,7 @@ void QOVAUserFree(QOVAUSER *pUser) {
 
 int QOVAGroupGet(const char *szName, QOVAGROUP **ppGroup) {
     if (szName == nullptr || ppGroup == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return getGroup(ppGroup, [szName](group *entry, char *buffer, size_t size, group **found) {
         return getgrnam_r(szName, entry, buffer, size, found);
@@ -128,7 +122,7 @@ int QOVAGroupGet(const char *szName, QOVAGROUP **ppGroup) {
 
 int QOVAGroupGetByGID(unsigned int uId, QOVAGROUP **ppGroup) {
     if (ppGroup == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return getGroup(ppGroup, [uId](group *entry, char *buffer, size_t size, group **found) {
         return getgrgid_r(uId, entry, buffer, size, found);

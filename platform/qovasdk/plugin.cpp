@@ -24,12 +24,6 @@ namespace {
 
 using namespace QovaPlatform;
 
-int badArgument() {
-    errno = EINVAL;
-    QOVA_SET_CODE(SNAP_ERR_BAD_PARAMETER);
-    return -1;
-}
-
 // All open handles, so that one that its user never closes isn't lost to memory checkers. Never destroyed: a handle may
 // be closed while the process ends.
 struct Registry {
@@ -92,7 +86,7 @@ extern "C" {
 
 int QLIBPluginSDKInit(const char *szName, const char *szLabel, QLIBPLUGIN **ppPlugin) {
     if (szName == nullptr || szLabel == nullptr || ppPlugin == nullptr || !isProgramName(szName)) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         auto plugin = std::make_unique<QLIBPLUGIN>();
@@ -113,10 +107,11 @@ int QLIBPluginHasInit(const QLIBPLUGIN *pPlugin) {
 
 int QLIBPluginSetArg(QLIBPLUGIN *pPlugin, const char *szKey, const char *szValue) {
     if (pPlugin == nullptr || szKey == nullptr || szValue == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
-    return Guarded(__FILE_NAME__, __LINE__, -1,
-                   [&] { return ProgramCall::mayBeSet(szKey) ? setArgument(pPlugin, szKey, szValue) : badArgument(); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
+        return ProgramCall::mayBeSet(szKey) ? setArgument(pPlugin, szKey, szValue) : QOVA_BAD_ARGUMENT();
+    });
 }
 
 int QLIBPluginSetArgByInt(QLIBPLUGIN *pPlugin, const char *szKey, int nValue) {
@@ -126,7 +121,7 @@ int QLIBPluginSetArgByInt(QLIBPLUGIN *pPlugin, const char *szKey, int nValue) {
 
 int QLIBPluginAction(int nPhase, QLIBPLUGIN *pPlugin) {
     if (pPlugin == nullptr || (nPhase != QLIB_PLUGIN_PHASE_PRE && nPhase != QLIB_PLUGIN_PHASE_POST)) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         const int result = runAll(*pPlugin, nPhase);
@@ -141,7 +136,7 @@ int QLIBPluginAction(int nPhase, QLIBPLUGIN *pPlugin) {
 
 int QLIBPluginSetBlocking(QLIBPLUGIN *pPlugin, int blBlocking) {
     if (pPlugin == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     pPlugin->blocking = blBlocking != 0;
     return 0;

@@ -10,12 +10,6 @@ namespace {
 
 using namespace QovaPlatform;
 
-int badArgument() {
-    errno = EINVAL;
-    QOVA_SET_CODE(SNAP_ERR_BAD_PARAMETER);
-    return -1;
-}
-
 // Copies a text of the record; a line feed would begin a new line of the file.
 bool takeText(const char *text, std::string *copy) {
     *copy = text == nullptr ? "" : text;
@@ -40,7 +34,7 @@ int QOVAShareRecordAdd(const QOVASHARE *pShare) {
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         ShareEntry entry;
         if (pShare == nullptr || !entryOf(*pShare, &entry)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         return shareProvider().add(entry) ? 0 : -1;
     });
@@ -50,7 +44,7 @@ int QOVAShareRecordSet(const QOVASHARE *pShare) {
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         ShareEntry entry;
         if (pShare == nullptr || !entryOf(*pShare, &entry)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         return shareProvider().replace(entry) ? 0 : -1;
     });
@@ -59,7 +53,7 @@ int QOVAShareRecordSet(const QOVASHARE *pShare) {
 int QOVAShareRecordRename(const char *szOldName, const char *szNewName) {
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         if (szOldName == nullptr || szNewName == nullptr || !isShareName(szOldName) || !isShareName(szNewName)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         return shareProvider().rename(szOldName, szNewName) ? 0 : -1;
     });
@@ -68,7 +62,7 @@ int QOVAShareRecordRename(const char *szOldName, const char *szNewName) {
 int QOVAShareRecordRemove(const char *szName) {
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         if (szName == nullptr || !isShareName(szName)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         return shareProvider().remove(szName) ? 0 : -1;
     });

@@ -14,12 +14,6 @@ namespace {
 
 using namespace QovaPlatform;
 
-int badArgument() {
-    errno = EINVAL;
-    QOVA_SET_CODE(SNAP_ERR_BAD_PARAMETER);
-    return -1;
-}
-
 // An encrypted share is unlocked while its view is mounted over its path. The mount table alone tells: asking the mount
 // itself would wait for, or fail with, the program that serves it.
 bool isUnlocked(const std::string &path) {
@@ -114,12 +108,12 @@ extern "C" {
 
 int QOVAShareGet(const char *szName, QOVASHARE **ppShare) {
     if (szName == nullptr || ppShare == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         ShareEntry entry;
         if (!isShareName(szName)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         if (!shareProvider().fetch(szName, &entry)) {
             return -1;
@@ -143,33 +137,33 @@ void QOVAShareFree(QOVASHARE *pShare) {
 
 int QOVAShareEnum(QLIBCSZLIST **ppList, unsigned int /*uTypeMask*/) {
     if (ppList == nullptr || *ppList == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return enumerate(ppList, nullptr); });
 }
 
 int QOVAShareEnumByMntPathAndEnumType(QLIBCSZLIST **ppList, const char *szMntPath, unsigned int /*uTypeMask*/) {
     if (ppList == nullptr || *ppList == nullptr || szMntPath == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         std::string volume = szMntPath;
-        return makeSharePathPlain(&volume) ? enumerate(ppList, &volume) : badArgument();
+        return makeSharePathPlain(&volume) ? enumerate(ppList, &volume) : QOVA_BAD_ARGUMENT();
     });
 }
 
 int QOVAShareNamePathGet(const char *szSharePath, char *szName, size_t cbName, char *szPath, size_t cbPath) {
     if (szSharePath == nullptr || szName == nullptr || szPath == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         std::string path = szSharePath;
         if (!makeSharePathPlain(&path)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         const std::string name = lastComponent(path);
         if (name.size() >= cbName || path.size() >= cbPath) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         std::memcpy(szName, name.c_str(), name.size() + 1);
         std::memcpy(szPath, path.c_str(), path.size() + 1);
@@ -179,7 +173,7 @@ int QOVAShareNamePathGet(const char *szSharePath, char *szName, size_t cbName, c
 
 int QLIBShareIsExist(const char *szName, int *pblExist) {
     if (szName == nullptr || pblExist == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     *pblExist = 0;
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
@@ -200,13 +194,13 @@ int QLIBShareIsExist(const char *szName, int *pblExist) {
 
 int QLIBShareIsForbiddenGet(const QOVASHARE *pShare, int *pnForbidden) {
     if (pShare == nullptr || pShare->szName == nullptr || pnForbidden == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         ShareEntry entry;
         const SavedRegister before;
         if (!isShareName(pShare->szName)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         if (!shareProvider().fetch(pShare->szName, &entry)) {
             if (QLIBCErrGet() != SNAP_ERR_NO_SUCH_SECTION) {
@@ -221,7 +215,7 @@ int QLIBShareIsForbiddenGet(const QOVASHARE *pShare, int *pnForbidden) {
 
 int QLIBShareIsEncryptionGet(const QOVASHARE *pShare, int *pnEncrypted) {
     if (pShare == nullptr || pnEncrypted == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     *pnEncrypted = (pShare->uStatus & QOVA_SHARE_STATUS_ENCRYPTED) != 0 ? 1 : 0;
     return 0;
@@ -229,16 +223,16 @@ int QLIBShareIsEncryptionGet(const QOVASHARE *pShare, int *pnEncrypted) {
 
 int QLIBShareEncryptPathGet(const char *szSharePath, char *szBuf, size_t cbBuf) {
     if (szSharePath == nullptr || szBuf == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         std::string path = szSharePath;
         if (!makeSharePathPlain(&path)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         const std::string backEnd = path.substr(0, path.rfind('/') + 1) + "@" + lastComponent(path) + "@";
         if (backEnd.size() >= cbBuf) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         std::memcpy(szBuf, backEnd.c_str(), backEnd.size() + 1);
         return 0;
@@ -247,12 +241,12 @@ int QLIBShareEncryptPathGet(const char *szSharePath, char *szBuf, size_t cbBuf) 
 
 int QLIBShareLocTypeGet(const char *szSharePath) {
     if (szSharePath == nullptr) {
-        return badArgument();
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         std::string path = szSharePath;
         if (!makeSharePathPlain(&path)) {
-            return badArgument();
+            return QOVA_BAD_ARGUMENT();
         }
         return locationOfPath(path);
     });

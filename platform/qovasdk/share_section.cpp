@@ -106,18 +106,6 @@ void setPair(HashOwner *pairs, const char *key, const std::string &value) {
 
 } // namespace
 
-HashOwner::HashOwner() : hash_(QLIBCSzHashAlloc(1024)) {
-    if (hash_ == nullptr) {
-        throw std::bad_alloc();
-    }
-}
-
-ListOwner::ListOwner() : list_(QLIBCSzListAlloc(1024)) {
-    if (list_ == nullptr) {
-        throw std::bad_alloc();
-    }
-}
-
 bool entryFromPairs(const std::string &name, const QLIBCSZHASH *pairs, ShareEntry *entry) {
     ListOwner keys;
     if (QLIBCSzHashEnumKey(pairs, keys.address()) < 0) {

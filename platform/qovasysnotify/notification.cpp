@@ -3,12 +3,12 @@
 #include "common/failure.h"
 #include "common/journal.h"
 #include "common/keepers.h"
+#include "common/owners.h"
 #include "common/program_directory.h"
 #include "common/program_run.h"
 
 #include <cctype>
 #include <sharesnap/platform/notification.h>
-#include <sharesnap/platform/szlist.h>
 #include <string>
 #include <syslog.h>
 #include <utility>
@@ -21,23 +21,6 @@ using namespace QovaPlatform;
 constexpr const char *messageId = "f680e8e3a367473685366c3701cee161";
 
 using Variables = std::vector<std::pair<std::string, std::string>>;
-
-class KeyList {
-public:
-    KeyList() : list_(QLIBCSzListAlloc(512)) {
-        if (list_ == nullptr) {
-            throw std::bad_alloc();
-        }
-    }
-    ~KeyList() { QLIBCSzListFree(list_); }
-    KeyList(const KeyList &) = delete;
-    KeyList &operator=(const KeyList &) = delete;
-    [[nodiscard]] QLIBCSZLIST **address() { return &list_; }
-    [[nodiscard]] const QLIBCSZLIST *get() const { return list_; }
-
-private:
-    QLIBCSZLIST *list_;
-};
 
 // "%SHARE%" becomes SHARE: a name for the environment and for a field of the journal.
 std::string plainName(const std::string &key) {
@@ -52,7 +35,7 @@ std::string plainName(const std::string &key) {
 }
 
 Variables variablesOf(const QLIBCSZHASH *hash) {
-    KeyList keys;
+    ListOwner keys;
     if (QLIBCSzHashEnumKey(hash, keys.address()) < 0) {
         throw std::bad_alloc();
     }
@@ -100,9 +83,7 @@ int startPrograms(const std::string &tag, const Variables &variables) {
 
 extern "C" int QOVASysNotifySendNotifiction(const char *szTag, QLIBCSZHASH **ppHash) {
     if (szTag == nullptr || *szTag == '\0' || ppHash == nullptr || *ppHash == nullptr) {
-        errno = EINVAL;
-        QOVA_SET_CODE(SNAP_ERR_BAD_PARAMETER);
-        return -1;
+        return QOVA_BAD_ARGUMENT();
     }
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         const Variables variables = variablesOf(*ppHash);
