@@ -75,10 +75,12 @@ void EnterNames(Removal &r) {
     r.input.reset(std::fopen(r.szMeta, "re"));
     if (!r.input) {
         SNAP_LOG(LOG_ERR, "Failed open metadata file [%s] errno:%d", r.szMeta, errno);
+        SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         return false;
     }
     if (fstat(fileno(r.input.get()), &r.inputStat) != 0) {
         SNAP_LOG(LOG_ERR, "Failed to stat intput file errno:%d", errno);
+        SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         return false;
     }
     return true;

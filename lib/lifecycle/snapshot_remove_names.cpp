@@ -84,12 +84,14 @@ bool TemporaryFile::Create(const char *szTarget) {
     const int nFd = mkstemp(szPath_);
     if (nFd < 0) {
         SNAP_LOG(LOG_ERR, "Failed create tmp file [%s] errno:%d", szPath_, errno);
+        SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         return false;
     }
     (void)fcntl(nFd, F_SETFD, FD_CLOEXEC); // can't fail on a descriptor just opened
     pStream_ = fdopen(nFd, "w");
     if (pStream_ == nullptr) {
         SNAP_LOG(LOG_ERR, "Failed open tmp file [%s] errno:%d", szPath_, errno);
+        SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         const ErrnoKeeper keeper;
         (void)close(nFd);      // empty
         (void)unlink(szPath_); // nothing to be done about a leftover

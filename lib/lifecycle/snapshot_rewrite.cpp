@@ -33,6 +33,7 @@ constexpr mode_t kModeMask = 0xFFF;
 [[nodiscard]] bool WriteLine(const Removal &r) {
     if (std::fwrite(r.line.Text(), 1, r.line.Length(), r.output.Stream()) != r.line.Length()) {
         SNAP_LOG_REG(LOG_ERR, "Failed to write line in output file[0x%04X %s:%d]");
+        SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         return false;
     }
     return true;
