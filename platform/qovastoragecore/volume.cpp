@@ -3,12 +3,15 @@
 
 #include "common/failure.h"
 #include "common/mount_table.h"
+#include "common/path_walk.h"
 
 #include <charconv>
 #include <cstring>
+#include <fcntl.h>
 #include <linux/magic.h>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
 #include <sys/vfs.h>
 
 using namespace QovaPlatform;
@@ -47,6 +50,33 @@ bool FillRecord(const Mount &mount, QOVAMOUNTVOLINFO *pInfo) {
     pInfo->pNext = nullptr;
     return CopyText(mount.szMountPoint, pInfo->szMountPath, sizeof(pInfo->szMountPath)) &&
            CopyText(mount.szSource, pInfo->szDevice, sizeof(pInfo->szDevice));
+}
+
+/* The volume of a path without the mount table, which the kernel takes long to print: a mount at depth one holds all
+   that is reached from it without entering another mount, and one that can't be entered isn't asked anything. False
+   when that doesn't tell; then the table does. */
+bool VolumeByWalk(const char *szPath, std::string &szVolume) {
+    const std::string szPlain = PlainPath(szPath);
+    const size_t cbVolume = szPlain.find('/', 1);
+    szVolume = szPlain.substr(0, cbVolume);
+    std::string szRest = cbVolume == std::string::npos ? "" : szPlain.substr(cbVolume + 1);
+    if (szPath[0] != '/' || szPlain == "/" || HasParentComponent(szPath)) {
+        return false;
+    }
+    const Descriptor volume = OpenWithoutLinks(szVolume.c_str(), O_PATH | O_DIRECTORY);
+    struct statx status = {};
+    if (!volume.IsOpen() || statx(volume.Get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_MNT_ID, &status) != 0 ||
+        (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0) {
+        return false;
+    }
+    while (!szRest.empty() && !OpenBeneath(volume.Get(), szRest.c_str(), O_PATH).IsOpen()) {
+        if (errno != ENOENT) {
+            return false;
+        }
+        const size_t cbParent = szRest.find_last_of('/');
+        szRest.resize(cbParent == std::string::npos ? 0 : cbParent);
+    }
+    return true;
 }
 
 /* Calls body with the volume of the path; -1 with code and errno when there is none. */
@@ -120,7 +150,16 @@ int QOVAShareVolPathGet(const char *szPath, char *szBuf, size_t cbBuf) {
         return -1;
     }
     return Guarded(__FILE__, __LINE__, -1, [&] {
-        return WithVolumeOf(szPath, [&](const Mount &volume) { return CopyText(volume.szMountPoint, szBuf, cbBuf); });
+        std::string szVolume;
+        if (!VolumeByWalk(szPath, szVolume)) {
+            return WithVolumeOf(szPath,
+                                [&](const Mount &volume) { return CopyText(volume.szMountPoint, szBuf, cbBuf); });
+        }
+        if (!CopyText(szVolume, szBuf, cbBuf)) {
+            QOVA_FAIL_ARGUMENT(ENAMETOOLONG);
+            return -1;
+        }
+        return 0;
     });
 }
 
