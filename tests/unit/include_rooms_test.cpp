@@ -75,8 +75,8 @@ std::string Resolve(const std::string &from, const std::string &name) {
     if (name.rfind(platform, 0) == 0) {
         return "lib/platform/" + name.substr(platform.size());
     }
-    for (const fs::path &root : {fs::path(from).parent_path(), fs::path("include"), fs::path("lib"), fs::path("platform"),
-                                 fs::path("tools")}) {
+    for (const fs::path &root : {fs::path(from).parent_path(), fs::path("include"), fs::path("lib"),
+                                 fs::path("platform"), fs::path("tools")}) {
         if (fs::is_regular_file(kTop / root / name)) {
             return (root / name).lexically_normal().string();
         }
@@ -111,7 +111,9 @@ Graph ReadIncludes() {
 }
 
 // A source and the header of the same name are one node: what either includes, both stand on.
-std::string NodeOf(const std::string &file) { return fs::path(file).replace_extension("").string(); }
+std::string NodeOf(const std::string &file) {
+    return fs::path(file).replace_extension("").string();
+}
 
 // One circle of the graph as "a -> b -> a", or an empty text.
 std::string FindCircle(const Graph &graph) {

@@ -79,7 +79,8 @@ TEST_F(SandboxPlain, GoesBackToTheStartDirectory) {
 
 TEST_F(SandboxPlain, TellsWhyAVolumeCannotBeHad) {
     const bool root = Sandbox::kind() == Sandbox::Kind::root;
-    EXPECT_EQ(root ? "the kernel has no nosuchfs" : "a real volume needs root", Sandbox::mountVolume("/vol1", "nosuchfs"));
+    EXPECT_EQ(root ? "the kernel has no nosuchfs" : "a real volume needs root",
+              Sandbox::mountVolume("/vol1", "nosuchfs"));
     EXPECT_FALSE(testkit::exists("/vol1"));
 }
 
