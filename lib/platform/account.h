@@ -20,8 +20,8 @@ typedef struct QOVAGROUP {
 } QOVAGROUP;
 
 /* Each finds an account by its name or id. 0 and a record that the caller frees with the family's own function. -1 when
-   there is no such account (0x2A00, errno ENOENT), it can't be looked up (0x2A00, errno tells), memory runs out
-   (0x0200) or an argument is null (0x0D00); the record pointer is then untouched. */
+   there is no such account (0x2A00, errno ENOENT), it can't be looked up (0x2A00, errno tells), memory runs out (0x0200) or
+   an argument is null (0x0D00); the record pointer is then untouched. */
 QOVA_PLATFORM_API int QOVAUserGet(const char *szName, QOVAUSER **ppUser);
 QOVA_PLATFORM_API int QOVAUserGetByUID(unsigned int uId, QOVAUSER **ppUser);
 /* Null is accepted. Keeps errno. */

@@ -15,12 +15,11 @@ QOVA_BEGIN_DECLS
        0x13C00004  user, share, snapshot    it could not be deleted
 
    The entry has a plain sentence as MESSAGE, a MESSAGE_ID that the message catalog explains, the level as PRIORITY,
-   SHARESNAP_EVENT with the number, SHARESNAP_TEXT_1 and so on with the texts, and ACTOR, SHARE, SNAPSHOT and REASON as
-   far as the event has them. Another number is written without MESSAGE_ID and with its texts in a row. A text is cut at
-   16 KiB.
+   SHARESNAP_EVENT with the number, SHARESNAP_TEXT_1 and so on with the texts, and ACTOR, SHARE, SNAPSHOT and REASON as far
+   as the event has them. Another number is written without MESSAGE_ID and with its texts in a row. A text is cut at 16 KiB.
 
-   0, also on a machine without a journal; -1 when the entry was lost because the journal's queue was full (0x2A00), or
-   for another type or level (0x0D00). Never waits. Keeps errno. No privilege. */
+   0, also on a machine without a journal; -1 when the entry was lost because the journal's queue was full (0x2A00), or for
+   another type or level (0x0D00). Never waits. Keeps errno. No privilege. */
 QOVA_PLATFORM_API int QOVALogSet1(int nType, int nLevel, unsigned int uEvent, ...) QOVA_SENTINEL;
 
 QOVA_END_DECLS

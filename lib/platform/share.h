@@ -1,9 +1,9 @@
 /* The share database, read side (libqovasdk).
  *
- * The database is /etc/sharesnap/shares.conf, a sectioned file with one section a share. It is always replaced as a
- * whole, so no call of this header takes a lock or waits. They need the right to read that file, which everybody has as
- * a rule. Where a result is said to be -1 or nonzero a code stands in the register: 0x0D00 for an argument that can't
- * be used, 0x0200 for memory, 0x0900 for a database that can't be read. An absent database has no shares. */
+ * The database is /etc/sharesnap/shares.conf, a sectioned file with one section a share. It is always replaced as a whole,
+ * so no call of this header takes a lock or waits. They need the right to read that file, which everybody has as a rule.
+ * Where a result is said to be -1 or nonzero a code stands in the register: 0x0D00 for an argument that can't be used,
+ * 0x0200 for memory, 0x0900 for a database that can't be read. An absent database has no shares. */
 #ifndef SHARESNAP_PLATFORM_SHARE_H
 #define SHARESNAP_PLATFORM_SHARE_H
 
@@ -29,12 +29,12 @@ typedef struct QOVASHARE {
     unsigned int uStatus; /* 0x02 encrypted, 0x01 unlocked (read only with 0x02) */
 } QOVASHARE;
 
-/* Fetches the record of a share. Status bit 0x02 is the database's; bit 0x01 is worked out now, from the mount table:
-   it is set when the bit 0x02 is and the view of the share is mounted over its path. The path is plain: no double or
-   trailing slashes. 0 and a record in *ppShare that the caller frees with QOVAShareFree; the register is left as it
-   was. Nonzero on failure, *ppShare untouched: 0x2200 no such share; 0x0400 the database is busy, try again (the file
-   is never busy; another place of the database may be); 0x0A00 its record can't be used, because it has no absolute
-   path. */
+/* Fetches the record of a share. Status bit 0x02 is the database's; bit 0x01 is worked out now, from the mount table: it
+   is set when the bit 0x02 is and the view of the share is mounted over its path. The path is plain: no double or trailing
+   slashes.
+   0 and a record in *ppShare that the caller frees with QOVAShareFree; the register is left as it was. Nonzero on failure,
+   *ppShare untouched: 0x2200 no such share; 0x0400 the database is busy, try again (the file is never busy; another place
+   of the database may be); 0x0A00 its record can't be used, because it has no absolute path. */
 QOVA_PLATFORM_API int QOVAShareGet(const char *szName, QOVASHARE **ppShare);
 
 /* Frees a record with its strings. Null is accepted. Keeps errno. */
@@ -59,8 +59,8 @@ QOVA_PLATFORM_API int QOVAShareNamePathGet(const char *szSharePath, char *szName
    name that no share can have; nonzero on failure. */
 QOVA_PLATFORM_API int QLIBShareIsExist(const char *szName, int *pblExist);
 
-/* *pnForbidden becomes 1 when the database has a share of the record's name with "sharesnap:forbidden = yes", else 0
-   (also for a share that isn't in the database). 0; -1 on failure, *pnForbidden untouched. */
+/* *pnForbidden becomes 1 when the database has a share of the record's name with "sharesnap:forbidden = yes", else 0 (also
+   for a share that isn't in the database). 0; -1 on failure, *pnForbidden untouched. */
 QOVA_PLATFORM_API int QLIBShareIsForbiddenGet(const QOVASHARE *pShare, int *pnForbidden);
 
 /* *pnEncrypted becomes 1 when bit 0x02 of the record's status is set, else 0; nothing else is looked at. 0, or -1 with
