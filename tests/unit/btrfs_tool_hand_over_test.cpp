@@ -1,5 +1,5 @@
-// The program that stands in for the Btrfs tool, over a real tool of the test's own making. The sandbox's layer on /usr
-// holds it until this program ends.
+// The program that stands in for the Btrfs tool, over a real tool of the test's own making: a script that is mounted in
+// the place of the real one.
 #include "support/files.hpp"
 #include "support/fixtures.hpp"
 #include "support/process.hpp"
@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -49,18 +50,32 @@ protected:
         if (IsSkipped()) {
             return;
         }
+        if (!testkit::exists(REAL)) {
+            GTEST_SKIP() << "there is no " << REAL;
+        }
         m_directory = testkit::Sandbox::scratch();
     }
 
+    void TearDown() override {
+        if (m_mounted) {
+            EXPECT_EQ(0, umount2(REAL, MNT_DETACH));
+        }
+    }
+
     // Makes the real tool a script.
-    static void makeReal(const std::string &script) {
-        (void)unlink(REAL);
-        ASSERT_TRUE(testkit::writeFile(REAL, "#!/bin/sh\n" + script + "\n"));
-        ASSERT_EQ(0, chmod(REAL, 0755));
+    void makeReal(const std::string &script, mode_t mode = 0755) {
+        const std::string file = m_directory + "/btrfs";
+        if (!m_mounted) {
+            ASSERT_TRUE(testkit::writeFile(file, ""));
+            ASSERT_EQ(0, mount(file.c_str(), REAL, nullptr, MS_BIND, nullptr));
+            m_mounted = true;
+        }
+        ASSERT_TRUE(testkit::writeFile(file, "#!/bin/sh\n" + script + "\n"));
+        ASSERT_EQ(0, chmod(file.c_str(), mode));
     }
 
     // Makes it a tool that prints a stream.
-    void makeSender(const std::string &stream, const std::string &end = "exit 0") const {
+    void makeSender(const std::string &stream, const std::string &end = "exit 0") {
         ASSERT_TRUE(testkit::writeFile(m_directory + "/stream", stream));
         makeReal("cat '" + m_directory + "/stream'\n" + end);
     }
@@ -77,6 +92,7 @@ protected:
     }
 
     std::string m_directory;
+    bool m_mounted = false;
 };
 
 TEST_F(ToolOverAnother, PassesArgumentsAsTheyCame) {
@@ -151,7 +167,7 @@ TEST_F(ToolOverAnother, FailsWithAToolThatFailed) {
 }
 
 TEST_F(ToolOverAnother, FailsWithoutATool) {
-    (void)unlink(REAL);
+    makeReal("exit 0", 0644);
     expectRefused();
     const ProcessResult result = run({"filesystem", "show"});
     EXPECT_EQ(127, result.exitStatus);
