@@ -511,12 +511,15 @@ TEST_F(FileLock, NothingIsLeftOpenByFailures) {
 }
 
 TEST_F(FileLock, WithoutDescriptorsItFailsWithACode) {
-    EXPECT_EQ(0, inChild([this] {
+    const char *const szPath = path();
+    EXPECT_EQ(0, inChild([szPath] {
                   const rlimit limit{3, 3};
                   if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
                       return 1;
                   }
-                  return lock(EXCLUSIVE, 0) == -1 && QLIBCErrGet() == 0x0900 && errno == EMFILE ? 0 : 2;
+                  int fd = -1;
+                  const int nResult = QLIBCFileLockTimeByFile(szPath, EXCLUSIVE, 0, &fd);
+                  return nResult == 0 && QLIBCErrGet() == 0x0900 && errno == EMFILE ? 0 : 2;
               }));
 }
 

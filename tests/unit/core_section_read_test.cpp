@@ -15,6 +15,7 @@
 using core::Hash;
 using core::List;
 using core::Texts;
+using namespace std::string_literals;
 
 namespace {
 
@@ -164,7 +165,7 @@ TEST_F(SectionRead, TheLastLineNeedsNoLineFeed) {
 }
 
 TEST_F(SectionRead, ALineEndsAtANulByte) {
-    write(std::string("[a]\nk=v\0hidden\nx\0=1\n[b\0]\nl=1\n", 31));
+    write("[a]\nk=v\0hidden\nx\0=1\n[b\0]\nl=1\n"s);
     Hash hash;
     EXPECT_EQ(1, QLIBCFileGetSection(path(), "a", &hash));
     EXPECT_EQ("v", hash.at("k"));
@@ -406,7 +407,7 @@ TEST(SectionLine, AHeaderHasItsBracketsInPlace) {
     EXPECT_EQ(0, isSection("a]\n"));
     EXPECT_EQ(0, isSection("]["));
     EXPECT_EQ(0, isSection(""));
-    EXPECT_EQ(0, isSection(std::string("[a\0]\n", 5)));
+    EXPECT_EQ(0, isSection("[a\0]\n"s));
     EXPECT_EQ(0, QLIBCIFileIsSection("[a]\n", 2)); // the bracket lies behind the line
     EXPECT_EQ(0, QLIBCIFileIsSection(nullptr, 4));
 }

@@ -7,8 +7,11 @@
 #include "support/fixtures.hpp"
 #include "support/process.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <random>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,6 +21,7 @@
 using core::Hash;
 using core::List;
 using core::Texts;
+using namespace std::string_literals;
 
 namespace {
 
@@ -254,7 +258,7 @@ TEST_F(SectionWrite, KeepsWhatBelongsToNoSection) {
 }
 
 TEST_F(SectionWrite, KeepsBytesOfOtherSectionsAsTheyAre) {
-    const std::string odd("[odd]\r\nk=\xff\xfe\0x\nno sign\n=v\n\n", 26);
+    const std::string odd = "[odd]\r\nk=\xff\xfe\0x\nno sign\n=v\n\n"s;
     write(odd + "[a]\nk=1\n" + odd);
     EXPECT_EQ(0, QLIBCFileSetSectionValue(path(), "a", "k", "2"));
     EXPECT_EQ(odd + "[a]\nk=2\n" + odd, text());
@@ -468,4 +472,91 @@ TEST_F(SectionWrite, ChangesALargeFileInTheMiddle) {
     EXPECT_EQ(before + "[a]\nk=2\n" + behind, text());
     EXPECT_EQ(1, QLIBCFileRemoveSection(path(), "a"));
     EXPECT_EQ(before + behind, text());
+}
+
+namespace {
+
+// What a file says, section by section, in the order of the file: the names, and the pairs as read.
+std::vector<std::pair<std::string, Texts>> contentOf(const char *szFile) {
+    std::vector<std::pair<std::string, Texts>> content;
+    List names;
+    EXPECT_EQ(0, QLIBCFileEnumSection(szFile, &names));
+    for (const std::string &name : names.items()) {
+        Hash hash;
+        EXPECT_GE(QLIBCFileGetSection(szFile, name.c_str(), &hash), 0);
+        Texts pairs;
+        for (const std::string &key : hash.keys()) {
+            pairs.push_back(key + "=" + hash.at(key));
+        }
+        content.emplace_back(name, pairs);
+    }
+    return content;
+}
+
+std::string randomText(std::mt19937 &random) {
+    static const Texts pieces = {"[a]\n",  "[b]\n",  "[c\n",     "[]\n", "[d] x\n", "[b]c]\n",     "k=1\n",   "k=2\n",
+                                 "l=\n",   "=v\n",   "#c\n",     ";d\n", "\n",      "text\n",      "m=x=y\n", "\r\n",
+                                 "k =1\n", " [a]\n", "n=\0z\n"s, "[a",   "k=3",     "\xff=\xfe\n", "[e]\r\n"};
+    std::string text;
+    const auto nPieces = random() % 30;
+    for (unsigned long i = 0; i < nPieces; ++i) {
+        text += pieces[random() % pieces.size()];
+    }
+    return text;
+}
+
+std::vector<std::string> commentsOf(const std::string &text) {
+    std::vector<std::string> comments;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && (line[0] == '#' || line[0] == ';')) {
+            comments.push_back(line);
+        }
+    }
+    return comments;
+}
+
+} // namespace
+
+TEST_F(SectionWrite, AnyFileKeepsItsOtherSectionsAndComments) {
+    std::mt19937 random(20240102); // the same files at every run
+    for (int nRound = 0; nRound < 300; ++nRound) {
+        const std::string before = randomText(random);
+        write(before);
+        auto expected = contentOf(path());
+        const auto entry =
+            std::find_if(expected.begin(), expected.end(), [](const auto &section) { return section.first == "b"; });
+        const bool blThere = entry != expected.end();
+        const Hash hash({{"new", "pair"}});
+        switch (nRound % 4) {
+        case 0:
+            ASSERT_EQ(blThere ? 0 : 1, QLIBCFileAddSection(path(), "b", hash.get(), FORMAT));
+            if (!blThere) {
+                expected.emplace_back("b", Texts{"new=pair"});
+            }
+            break;
+        case 1:
+            ASSERT_EQ(blThere ? 1 : -1, QLIBCFileSetSection(path(), "b", "renamed", hash.get(), FORMAT));
+            if (blThere) {
+                *entry = {"renamed", Texts{"new=pair"}};
+            }
+            break;
+        case 2:
+            ASSERT_EQ(blThere ? 0 : -1, QLIBCFileSetSectionValue(path(), "b", "new", "pair"));
+            if (blThere) {
+                entry->second.emplace_back("new=pair");
+            }
+            break;
+        default:
+            ASSERT_EQ(blThere ? 1 : 0, QLIBCFileRemoveSection(path(), "b"));
+            if (blThere) {
+                expected.erase(entry);
+            }
+        }
+        ASSERT_EQ(expected, contentOf(path())) << "before:\n" << before << "\nafter:\n" << text();
+        ASSERT_EQ(commentsOf(before).size(), commentsOf(text()).size()) << "before:\n"
+                                                                        << before << "\nafter:\n"
+                                                                        << text();
+        ASSERT_EQ(Texts{"file.conf"}, names());
+    }
 }
