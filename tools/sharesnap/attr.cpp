@@ -126,10 +126,9 @@ int unsetAttribute(const AttrArguments &arguments) {
 
 } // namespace
 
-void addAttrVerbs(Verb &root) {
+void fillAttr(Verb &group) {
     auto arguments = std::make_shared<AttrArguments>();
-    const OutputForm *form = &root.form();
-    Verb group = root.add("attr", "Read and change the attributes of a snapshot");
+    const OutputForm *form = &group.form();
     const auto verb = [&group, &arguments](const char *names, const char *help) {
         Verb added = group.add(names, help);
         added.takes("SHARE", arguments->share, "Name of the share")

@@ -80,9 +80,8 @@ int cloneShare(const CloneArguments &arguments) {
 
 } // namespace
 
-void addCloneVerb(Verb &root) {
+void fillClone(Verb &verb) {
     auto arguments = std::make_shared<CloneArguments>();
-    Verb verb = root.add("clone", "Make a new share, with its own files, out of a share or a snapshot");
     verb.takes("SHARE", arguments->share, "Name of the share to clone")
         .takes("NEW", arguments->newName, "Name of the new share; it lies on the same volume")
         .option("--snapshot", arguments->snapshot, "SNAPSHOT", "From this snapshot instead of the share as it is")

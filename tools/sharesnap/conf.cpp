@@ -108,10 +108,9 @@ int unsetSetting(const ConfArguments &arguments) {
 
 } // namespace
 
-void addConfVerbs(Verb &root) {
+void fillConf(Verb &group) {
     auto arguments = std::make_shared<ConfArguments>();
-    const OutputForm *form = &root.form();
-    Verb group = root.add("conf", "Read and change the snapshot settings of a share");
+    const OutputForm *form = &group.form();
     Verb list = group.add("list,ls", "List the settings of a share, or of all shares");
     list.takesOptional("SHARE", arguments->share, "Name of the share").runs([arguments, form] {
         return listSettings(*arguments, *form);

@@ -92,12 +92,11 @@ int countSnapshots(const CountArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addCountVerb(Verb &root) {
+void fillCount(Verb &verb) {
     auto arguments = std::make_shared<CountArguments>();
-    Verb verb = root.add("count", "Count the visible snapshots of a share, or of all shares");
     verb.takesOptional("SHARE", arguments->share, "Name of the share")
         .flag("--sync", arguments->sync, "Count them again from the lists and correct the counters")
-        .runs([arguments, form = &root.form()] { return countSnapshots(*arguments, *form); });
+        .runs([arguments, form = &verb.form()] { return countSnapshots(*arguments, *form); });
 }
 
 } // namespace command

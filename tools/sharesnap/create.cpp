@@ -136,16 +136,15 @@ int createSnapshot(const CreateArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addCreateVerb(Verb &root) {
+void fillCreate(Verb &verb) {
     auto arguments = std::make_shared<CreateArguments>();
-    Verb verb = root.add("create", "Take a snapshot of a share and print its name");
     verb.takes("SHARE", arguments->share, "Name of the share")
         .option("--desc", arguments->description, "TEXT", "Description")
         .options("--attr", arguments->attributes, "KEY=VALUE", "Attribute; may be repeated")
         .flag("--hide", arguments->hide, "Hidden: not counted, and listed only when asked for")
         .flag("--no-share-info", arguments->noShareInfo, "Don't freeze the share's configuration into the snapshot")
         .flag("--wait-hooks", arguments->waitHooks, "Wait for the plug-ins that run afterwards")
-        .runs([arguments, form = &root.form()] { return createSnapshot(*arguments, *form); });
+        .runs([arguments, form = &verb.form()] { return createSnapshot(*arguments, *form); });
 }
 
 } // namespace command

@@ -305,9 +305,8 @@ int deleteSnapshots(const DeleteArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addDeleteVerb(Verb &root) {
+void fillDelete(Verb &verb) {
     auto arguments = std::make_shared<DeleteArguments>();
-    Verb verb = root.add("delete,rm", "Delete snapshots");
     verb.takes("SHARE", arguments->share, "Name of the share")
         .takesMany("SNAPSHOT", arguments->snapshots, "Names of the snapshots")
         .option("--older-than", arguments->olderThan, "DURATION", "Instead of names: all older than 12h, 30d, 2w")
@@ -316,7 +315,7 @@ void addDeleteVerb(Verb &root) {
         .flag("--hidden", arguments->hidden, "Choose among hidden snapshots, too")
         .flag("--dry-run", arguments->dryRun, "Only tell what would become of each")
         .flag("--wait", arguments->wait, "Wait until the file system has cleaned up")
-        .runs([arguments, form = &root.form()] { return deleteSnapshots(*arguments, *form); });
+        .runs([arguments, form = &verb.form()] { return deleteSnapshots(*arguments, *form); });
 }
 
 } // namespace command

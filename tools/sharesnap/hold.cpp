@@ -112,13 +112,12 @@ int listHolds(const HoldArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addHoldVerbs(Verb &root) {
+void fillHold(Verb &group) {
     auto arguments = std::make_shared<HoldArguments>();
-    Verb group = root.add("hold", "Keep snapshots from deletion, until a reboot or a release");
     Verb list = group.add("list,ls", "List who holds what");
     list.takes("SHARE", arguments->share, "Name of the share")
         .takesOptional("SNAPSHOT", arguments->snapshot, "Only this snapshot")
-        .runs([arguments, form = &root.form()] { return listHolds(*arguments, *form); });
+        .runs([arguments, form = &group.form()] { return listHolds(*arguments, *form); });
     const auto verb = [&group, &arguments](const char *name, const char *help) {
         Verb added = group.add(name, help);
         added.takes("SHARE", arguments->share, "Name of the share")

@@ -157,13 +157,12 @@ int showInfo(const InfoArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addInfoVerb(Verb &root) {
+void fillInfo(Verb &verb) {
     auto arguments = std::make_shared<InfoArguments>();
-    Verb verb = root.add("info", "Show the share's configuration as a snapshot froze it");
     verb.takes("SHARE", arguments->share, "Name of the share")
         .takes("SNAPSHOT", arguments->snapshot, "Name of the snapshot")
         .flag("--diff", arguments->diff, "Only what differs from the share's configuration now")
-        .runs([arguments, form = &root.form()] { return showInfo(*arguments, *form); });
+        .runs([arguments, form = &verb.form()] { return showInfo(*arguments, *form); });
 }
 
 } // namespace command

@@ -79,9 +79,8 @@ int listSnapshots(const ListArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addListVerb(Verb &root) {
+void fillList(Verb &verb) {
     auto arguments = std::make_shared<ListArguments>();
-    Verb verb = root.add("list,ls", "List the snapshots of a share, oldest first");
     verb.takes("SHARE", arguments->share, "Name of the share")
         .option("--since", arguments->since, "TIME",
                 "Only snapshots of that time or later (2026-01-02, \"2026-01-02 03:04\", 12h ago: 12h)")
@@ -89,7 +88,7 @@ void addListVerb(Verb &root) {
         .options("--attr", arguments->attributes, "FILTER",
                  "Only with this attribute: key, key=part, key==value, or !FILTER; may be repeated")
         .flag("--hidden", arguments->hidden, "Hidden snapshots, too")
-        .runs([arguments, form = &root.form()] { return listSnapshots(*arguments, *form); });
+        .runs([arguments, form = &verb.form()] { return listSnapshots(*arguments, *form); });
 }
 
 } // namespace command

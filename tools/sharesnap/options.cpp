@@ -3,6 +3,7 @@
 #include "failure.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 
 namespace command {
@@ -11,6 +12,14 @@ namespace {
 constexpr char footer[] = "Exit status: 0 done, 1 failed, 2 usage, 3 not found, 4 refused, 10 done in part.";
 
 int chosenStatus = exitDone; // of the one verb that runs in a process
+
+// True when one of the names, parted by commas, stands among the arguments.
+bool isNamed(const std::string &names, int argc, char **argv) {
+    const std::string wanted = "," + names + ",";
+    return std::any_of(argv, argv + argc, [&wanted](const char *text) {
+        return wanted.find(std::string(",") + text + ",") != std::string::npos;
+    });
+}
 
 } // namespace
 
@@ -26,7 +35,9 @@ Verb Verb::add(const std::string &names, const std::string &help) {
 
 Verb &Verb::runs(std::function<int()> action) {
     app_->add_flag("--json", form_->json, "Print JSON")->group("Output");
-    app_->add_flag("--no-headers{false}", form_->headers, "Leave the tables' headers out")->group("Output");
+    app_->add_flag_callback(
+            "--no-headers", [form = form_] { form->headers = false; }, "Leave the tables' headers out")
+        ->group("Output");
     app_->add_flag("--utc", form_->utc, "Show and read times in UTC")->group("Output");
     app_->footer(footer);
     app_->final_callback([run = std::move(action)] { chosenStatus = run(); });
@@ -65,13 +76,18 @@ Verb &Verb::flag(const std::string &name, bool &value, const std::string &help) 
     return *this;
 }
 
-int parseAndRun(int argc, char **argv, const std::function<void(Verb &)> &addVerbs) {
+int parseAndRun(int argc, char **argv, const VerbEntry *verbs, size_t count) {
     CLI::App app("Snapshots of shared folders on Btrfs.", "sharesnap");
     OutputForm form;
     app.footer(footer);
     app.set_version_flag("--version", std::string("sharesnap ") + SHARESNAP_VERSION);
     Verb root(&app, &form);
-    addVerbs(root);
+    for (size_t i = 0; i < count; ++i) {
+        Verb verb = root.add(verbs[i].names, verbs[i].help);
+        if (isNamed(verbs[i].names, argc, argv)) {
+            verbs[i].fill(verb);
+        }
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -43,7 +43,15 @@ private:
     OutputForm *form_;
 };
 
+// A verb of the command. What it takes is declared only when the command line names it: most of a short run is
+// start-up.
+struct VerbEntry {
+    const char *names;
+    const char *help;
+    void (*fill)(Verb &verb);
+};
+
 // Parses the command line and runs the verb. Gives the exit status.
-[[nodiscard]] int parseAndRun(int argc, char **argv, const std::function<void(Verb &)> &addVerbs);
+[[nodiscard]] int parseAndRun(int argc, char **argv, const VerbEntry *verbs, size_t count);
 
 } // namespace command

@@ -92,9 +92,8 @@ int showShare(const std::string &name, const OutputForm &form) {
 
 } // namespace
 
-void addShareVerbs(Verb &root) {
-    const OutputForm *form = &root.form();
-    Verb group = root.add("share", "List, show, add and remove shares");
+void fillShare(Verb &group) {
+    const OutputForm *form = &group.form();
     group.add("list,ls", "List the shares").runs([form] { return listShares(*form); });
 
     auto name = std::make_shared<std::string>();

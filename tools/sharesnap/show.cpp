@@ -78,12 +78,11 @@ int showSnapshot(const ShowArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addShowVerb(Verb &root) {
+void fillShow(Verb &verb) {
     auto arguments = std::make_shared<ShowArguments>();
-    Verb verb = root.add("show", "Show one snapshot: path, attributes, who holds it");
     verb.takes("SHARE", arguments->share, "Name of the share")
         .takes("SNAPSHOT", arguments->snapshot, "Name of the snapshot")
-        .runs([arguments, form = &root.form()] { return showSnapshot(*arguments, *form); });
+        .runs([arguments, form = &verb.form()] { return showSnapshot(*arguments, *form); });
 }
 
 } // namespace command

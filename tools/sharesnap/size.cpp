@@ -59,13 +59,12 @@ int estimateSize(const SizeArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addSizeVerb(Verb &root) {
+void fillSize(Verb &verb) {
     auto arguments = std::make_shared<SizeArguments>();
-    Verb verb = root.add("size", "Estimate the size of a snapshot, or of its difference to another one");
     verb.takes("SHARE", arguments->share, "Name of the share")
         .takes("SNAPSHOT", arguments->snapshot, "Name of the snapshot")
         .option("--parent", arguments->parent, "SNAPSHOT", "Only what has changed since this snapshot")
-        .runs([arguments, form = &root.form()] { return estimateSize(*arguments, *form); });
+        .runs([arguments, form = &verb.form()] { return estimateSize(*arguments, *form); });
 }
 
 } // namespace command

@@ -160,13 +160,12 @@ int syncShares(const SyncArguments &arguments, const OutputForm &form) {
 
 } // namespace
 
-void addSyncVerb(Verb &root) {
+void fillSync(Verb &verb) {
     auto arguments = std::make_shared<SyncArguments>();
-    Verb verb = root.add("sync", "Make the list of snapshots true to what the volume holds");
     verb.takesOptional("SHARE", arguments->share, "Name of the share")
         .flag("--all", arguments->all, "All shares on Btrfs volumes")
         .flag("--dry-run", arguments->dryRun, "Only tell what would change")
-        .runs([arguments, form = &root.form()] { return syncShares(*arguments, *form); });
+        .runs([arguments, form = &verb.form()] { return syncShares(*arguments, *form); });
 }
 
 } // namespace command

@@ -1,22 +1,23 @@
-// The verbs, one source each. Each function adds one verb, or one group of verbs, to the command.
+// The verbs, one source each.
 #pragma once
 
 #include "options.h"
 
 namespace command {
 
-void addShareVerbs(Verb &root);
-void addCreateVerb(Verb &root);
-void addListVerb(Verb &root);
-void addShowVerb(Verb &root);
-void addAttrVerbs(Verb &root);
-void addConfVerbs(Verb &root);
-void addCountVerb(Verb &root);
-void addDeleteVerb(Verb &root);
-void addHoldVerbs(Verb &root);
-void addSyncVerb(Verb &root);
-void addCloneVerb(Verb &root);
-void addSizeVerb(Verb &root);
-void addInfoVerb(Verb &root);
+// Each declares the arguments of one verb, or of a group of verbs, and what it does.
+void fillShare(Verb &group);
+void fillCreate(Verb &verb);
+void fillList(Verb &verb);
+void fillShow(Verb &verb);
+void fillDelete(Verb &verb);
+void fillClone(Verb &verb);
+void fillAttr(Verb &group);
+void fillHold(Verb &group);
+void fillConf(Verb &group);
+void fillSync(Verb &verb);
+void fillCount(Verb &verb);
+void fillSize(Verb &verb);
+void fillInfo(Verb &verb);
 
 } // namespace command
