@@ -15,8 +15,8 @@ QOVA_BEGIN_DECLS
    files are run, and how, is the same as for plug-ins (see plugin.h); nobody waits for them. In the journal the entry has
    the tag as SHARESNAP_NOTIFICATION and the variables as SHARESNAP_NOTIFY_ fields.
 
-   The hash stays the caller's and isn't changed. 0, also when there is no program; -1 when a program couldn't be started
-   (0x2A00; the others are), for a null or empty tag or a null hash (0x0D00), or without memory (0x0200). No locks, doesn't
+   The hash stays the caller's and isn't changed. 0, also when there is no program; -1 when a program couldn't be opened
+   or started (0x2A00; the others are), for a null or empty tag or a null hash (0x0D00), or without memory (0x0200). No locks, doesn't
    wait. */
 QOVA_PLATFORM_API int QOVASysNotifySendNotifiction(const char *szTag, QLIBCSZHASH **ppHash);
 

@@ -13,7 +13,7 @@
  * isn't runs in a session of its own.
  *
  * Where -1 is given a code stands in the register: 0x0D00 for an argument that can't be used, 0x0200 for memory, 0x2A00 for
- * a program that failed. No locks. A handle is for one thread at a time. */
+ * a program that failed or can't be opened. No locks. A handle is for one thread at a time. */
 #ifndef SHARESNAP_PLATFORM_PLUGIN_H
 #define SHARESNAP_PLATFORM_PLUGIN_H
 

@@ -1,6 +1,7 @@
 #include "common/program_directory.h"
 
 #include <array>
+#include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <map>
@@ -30,45 +31,91 @@ void tellUnsafe(const std::string &path, Unsafe unsafe) {
     }
 }
 
+// Reasons for which there is nothing to be run here, other than one that may be gone at the next attempt.
+bool isNoProgram(int reason) {
+    return reason == ENOENT || reason == ENOTDIR || reason == ELOOP || reason == EACCES || reason == ENXIO;
+}
+
+// Something that is passed over has no open descriptor and no failure.
+struct Opened {
+    Descriptor file;
+    int failure = 0;
+};
+
+Opened notOpened(int reason) {
+    return {Descriptor(), isNoProgram(reason) ? 0 : reason};
+}
+
 // Opens one directory beneath another (or a base directory) and checks it.
-Descriptor openDirectory(int above, const std::string &name, const std::string &path, Unsafe unsafe) {
+Opened openDirectory(int above, const std::string &name, const std::string &path, Unsafe unsafe) {
     Descriptor directory(openat(above, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat st = {};
     if (!directory.IsOpen() || fstat(directory.Get(), &st) != 0) {
-        return Descriptor();
+        return notOpened(errno);
     }
     if (!belongsToRootAlone(st)) {
         tellUnsafe(path, unsafe);
-        return Descriptor();
+        return {};
     }
-    return directory;
+    return {std::move(directory), 0};
 }
 
-Descriptor openChain(const std::string &base, const std::string &subdirectory, Unsafe unsafe) {
+Opened openChain(const std::string &base, const std::string &subdirectory, Unsafe unsafe) {
     std::string path = base;
-    Descriptor directory = openDirectory(AT_FDCWD, base, path, unsafe);
-    for (std::string_view rest = subdirectory; directory.IsOpen() && !rest.empty();) {
+    Opened directory = openDirectory(AT_FDCWD, base, path, unsafe);
+    for (std::string_view rest = subdirectory; directory.file.IsOpen() && !rest.empty();) {
         const size_t end = rest.find('/');
         const std::string name(rest.substr(0, end));
         path += "/" + name;
-        directory = openDirectory(directory.Get(), name, path, unsafe);
+        directory = openDirectory(directory.file.Get(), name, path, unsafe);
         rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
     }
     return directory;
 }
 
-Descriptor openProgram(int directory, const char *name, const std::string &path, Unsafe unsafe) {
+Opened openProgram(int directory, const char *name, const std::string &path, Unsafe unsafe) {
     // A FIFO must not make us wait.
     Descriptor file(openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat st = {};
-    if (!file.IsOpen() || fstat(file.Get(), &st) != 0 || !S_ISREG(st.st_mode) || (st.st_mode & 0111) == 0) {
-        return Descriptor();
+    if (!file.IsOpen() || fstat(file.Get(), &st) != 0) {
+        return notOpened(errno);
+    }
+    if (!S_ISREG(st.st_mode) || (st.st_mode & 0111) == 0) {
+        return {};
     }
     if (!belongsToRootAlone(st)) {
         tellUnsafe(path, unsafe);
-        return Descriptor();
+        return {};
     }
-    return file;
+    return {std::move(file), 0};
+}
+
+using ProgramsByName = std::map<std::string, Program>;
+
+// Adds the programs of one directory whose names aren't there yet. 0 or the reason of a failure.
+int addPrograms(const std::string &base, const std::string &subdirectory, Unsafe unsafe, ProgramsByName *programs) {
+    const Opened chain = openChain(base, subdirectory, unsafe);
+    if (!chain.file.IsOpen()) {
+        return chain.failure;
+    }
+    Descriptor copy(fcntl(chain.file.Get(), F_DUPFD_CLOEXEC, 3));
+    const DirectoryOwner directory(copy.IsOpen() ? fdopendir(copy.Get()) : nullptr);
+    if (directory == nullptr) {
+        return errno;
+    }
+    (void)copy.Release(); // the stream has taken it over
+    while (const dirent *entry = readdir(directory.get())) {
+        if (!isProgramName(entry->d_name) || programs->count(entry->d_name) != 0) {
+            continue;
+        }
+        std::string path = base + "/" + subdirectory + "/" + entry->d_name;
+        Opened program = openProgram(chain.file.Get(), entry->d_name, path, unsafe);
+        if (program.failure != 0) {
+            return program.failure;
+        }
+        programs->emplace(entry->d_name, Program{std::move(path), std::move(program.file)});
+    }
+    return 0;
 }
 
 } // namespace
@@ -80,34 +127,20 @@ bool isProgramName(const char *name) {
                std::string_view::npos;
 }
 
-std::vector<Program> openPrograms(const std::string &subdirectory, Unsafe unsafe) {
-    std::map<std::string, Program> byName;
+bool openPrograms(const std::string &subdirectory, Unsafe unsafe, std::vector<Program> *programs) {
+    ProgramsByName byName;
+    int failure = 0;
     for (const char *base : baseDirectories) {
-        Descriptor chain = openChain(base, subdirectory, unsafe);
-        if (!chain.IsOpen()) {
-            continue;
-        }
-        const int copy = fcntl(chain.Get(), F_DUPFD_CLOEXEC, 3); // fdopendir takes it over
-        const DirectoryOwner directory(copy < 0 ? nullptr : fdopendir(copy));
-        if (directory == nullptr) {
-            const Descriptor unused(copy);
-            continue;
-        }
-        while (const dirent *entry = readdir(directory.get())) {
-            if (isProgramName(entry->d_name) && byName.count(entry->d_name) == 0) {
-                std::string path = std::string(base) + "/" + subdirectory + "/" + entry->d_name;
-                Descriptor file = openProgram(chain.Get(), entry->d_name, path, unsafe);
-                byName.emplace(entry->d_name, Program{std::move(path), std::move(file)});
-            }
-        }
+        const int reason = addPrograms(base, subdirectory, unsafe, &byName);
+        failure = failure == 0 ? reason : failure;
     }
-    std::vector<Program> programs;
     for (auto &item : byName) {
         if (item.second.file.IsOpen()) {
-            programs.push_back(std::move(item.second));
+            programs->push_back(std::move(item.second));
         }
     }
-    return programs;
+    errno = failure;
+    return failure == 0;
 }
 
 } // namespace QovaPlatform

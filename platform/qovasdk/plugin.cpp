@@ -69,8 +69,13 @@ ProgramCall callOf(const QLIBPLUGIN &plugin, int phase) {
 int runAll(const QLIBPLUGIN &plugin, int phase) {
     const ProgramCall call = callOf(plugin, phase);
     const bool waitForEnd = phase == QLIB_PLUGIN_PHASE_PRE || plugin.blocking;
+    std::vector<Program> programs;
     int result = 0;
-    for (const Program &program : openPrograms(directoryOf(plugin.name), Unsafe::passOver)) {
+    if (!openPrograms(directoryOf(plugin.name), Unsafe::passOver, &programs)) {
+        QOVA_SET_CODE(SNAP_ERR_OPERATION_FAILED);
+        result = -1;
+    }
+    for (const Program &program : programs) {
         const bool done = waitForEnd ? runProgram(program, call) : startProgram(program, call);
         if (!done) {
             QOVA_SET_CODE(SNAP_ERR_OPERATION_FAILED); // the others are run all the same
@@ -91,7 +96,12 @@ int QLIBPluginSDKInit(const char *szName, const char *szLabel, QLIBPLUGIN **ppPl
     return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         auto plugin = std::make_unique<QLIBPLUGIN>();
         plugin->name = szName;
-        plugin->hasPrograms = !openPrograms(directoryOf(plugin->name), Unsafe::log).empty();
+        std::vector<Program> programs;
+        if (!openPrograms(directoryOf(plugin->name), Unsafe::log, &programs)) {
+            QOVA_SET_CODE(SNAP_ERR_OPERATION_FAILED);
+            return -1;
+        }
+        plugin->hasPrograms = !programs.empty();
         QLIBPLUGIN *const handle = plugin.get();
         Registry &all = registry();
         const std::lock_guard<std::mutex> guard(all.mutex);

@@ -69,8 +69,13 @@ int startPrograms(const std::string &tag, const Variables &variables) {
     for (const auto &variable : variables) {
         (void)call.setVariable("NOTIFY_" + variable.first, variable.second); // such a name may always be set
     }
+    std::vector<Program> programs;
     int result = 0;
-    for (const Program &program : openPrograms("notify.d", Unsafe::log)) {
+    if (!openPrograms("notify.d", Unsafe::log, &programs)) {
+        QOVA_SET_CODE(SNAP_ERR_OPERATION_FAILED);
+        result = -1;
+    }
+    for (const Program &program : programs) {
         if (!startProgram(program, call)) {
             QOVA_SET_CODE(SNAP_ERR_OPERATION_FAILED);
             result = -1;

@@ -5,6 +5,7 @@
 #include "support/sandbox.hpp"
 
 #include <cerrno>
+#include <ctime>
 #include <fcntl.h>
 #include <sharesnap/platform/error.h>
 #include <sharesnap/platform/file_lock.h>
@@ -455,33 +456,61 @@ TEST_F(ShareDatabase, OtherFileSystemsAtTheSharesPathDoNotUnlockIt) {
     EXPECT_EQ(0, umount2(path.c_str(), MNT_DETACH));
 }
 
+// A process that holds the database's lock until it is told to go.
+class LockHolder {
+public:
+    LockHolder() {
+        int held[2] = {};
+        int done[2] = {};
+        EXPECT_EQ(0, pipe(held));
+        EXPECT_EQ(0, pipe(done));
+        holder_ = fork();
+        if (holder_ == 0) {
+            (void)mkdir("/run/lock/sharesnap", 0777);
+            int lock = -1;
+            char byte = QLIBCFileLockTimeByFile(lockFile, 1, 5, &lock) != 0 ? 'y' : 'n';
+            (void)close(done[1]);
+            (void)!write(held[1], &byte, 1);
+            (void)!read(done[0], &byte, 1); // ends when the other end is closed
+            _exit(0);
+        }
+        (void)close(done[0]);
+        (void)close(held[1]);
+        char answer = 0;
+        EXPECT_EQ(1, read(held[0], &answer, 1));
+        EXPECT_EQ('y', answer);
+        (void)close(held[0]);
+        done_ = done[1];
+    }
+    ~LockHolder() {
+        (void)close(done_);
+        EXPECT_EQ(0, testkit::waitForChild(holder_));
+    }
+    LockHolder(const LockHolder &) = delete;
+    LockHolder &operator=(const LockHolder &) = delete;
+
+private:
+    pid_t holder_ = -1;
+    int done_ = -1;
+};
+
 TEST_F(ShareDatabase, ReadersDoNotWaitForAWriter) {
     ASSERT_EQ("", testkit::addShare("docs", "/vol1/docs"));
-    int held[2] = {};
-    int done[2] = {};
-    ASSERT_EQ(0, pipe(held));
-    ASSERT_EQ(0, pipe(done));
-    const pid_t writer = fork();
-    ASSERT_GE(writer, 0);
-    if (writer == 0) {
-        int lock = -1;
-        const bool locked = QLIBCFileLockTimeByFile(lockFile, 1, 5, &lock) != 0;
-        (void)close(done[1]);
-        char byte = locked ? 'y' : 'n';
-        (void)!write(held[1], &byte, 1);
-        (void)!read(done[0], &byte, 1); // ends when the reader closes its end
-        _exit(0);
-    }
-    (void)close(done[0]);
-    char answer = 0;
-    ASSERT_EQ(1, read(held[0], &answer, 1));
-    EXPECT_EQ('y', answer);
-    EXPECT_NE(nullptr, testkit::getShare("docs")); // hangs if it waited: the writer goes only afterwards
-    EXPECT_EQ(Names{"docs"}, allShares());
-    (void)close(done[1]);
-    EXPECT_EQ(0, testkit::waitForChild(writer));
-    (void)close(held[0]);
-    (void)close(held[1]);
+    const LockHolder writer; // goes only when the test is over
+    const time_t start = time(nullptr);
+    EXPECT_NE(nullptr, testkit::getShare("docs"));
+    EXPECT_EQ(std::vector<std::string>{"docs"}, allShares());
+    EXPECT_GT(9, time(nullptr) - start);
+}
+
+TEST_F(ShareAdmin, WriterGivesUpAfterTenSeconds) {
+    ASSERT_EQ("", testkit::addShare("docs", "/vol1/docs"));
+    const LockHolder other;
+    const time_t start = time(nullptr);
+    EXPECT_EQ(-1, QOVAShareRecordRemove("docs"));
+    EXPECT_EQ(0x0400U, codeNow());
+    EXPECT_LE(9, time(nullptr) - start);
+    EXPECT_EQ(std::vector<std::string>{"docs"}, allShares());
 }
 
 TEST_F(ShareDatabase, ReadersSeeOneWholeGeneration) {
