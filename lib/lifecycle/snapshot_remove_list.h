@@ -40,6 +40,8 @@ public:
 private:
     enum Answer : signed char { UNASKED, GONE, SURVIVED };
 
+    [[nodiscard]] int FindSectionByMatching(const char *szLine, size_t cbLine) const;
+
     const QOVASHARE *pShare_;
     const QLIBCSZLIST *pList_;
     int nCount_;

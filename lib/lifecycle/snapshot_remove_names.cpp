@@ -25,13 +25,23 @@ NameTable::NameTable(const QOVASHARE *pShare, const QLIBCSZLIST *pList)
 int NameTable::FindSection(const char *szLine, size_t cbLine) {
     section_.resize(cbLine + 1);
     if (QLIBCFileParseSectionName(szLine, section_.data(), section_.size()) < 0) {
-        return -1;
+        return FindSectionByMatching(szLine, cbLine);
     }
     const auto found = indexByName_.find(section_.c_str());
     if (found == indexByName_.end() || QLIBCIFileMatchSection(szLine, cbLine, Get(found->second)) != 1) {
         return -1;
     }
     return found->second;
+}
+
+// Slow and sure, for a line whose name can't be had.
+int NameTable::FindSectionByMatching(const char *szLine, size_t cbLine) const {
+    for (int i = 0; i < nCount_; ++i) {
+        if (QLIBCIFileMatchSection(szLine, cbLine, Get(i)) == 1) {
+            return i;
+        }
+    }
+    return -1;
 }
 
 bool NameTable::Stands(int nIndex) const {
