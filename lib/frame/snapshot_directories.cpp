@@ -82,6 +82,7 @@ bool MoveAside(const char *szPath) {
         return true;
     }
     SNAP_LOG_REG(LOG_ERR, "Failed to rename dir [%s] to [%s][0x%04X %s:%d]", szPath, szAside);
+    SNAP_SET_ERR(SNAP_ERR_CREATE_FAILED);
     return false;
 }
 

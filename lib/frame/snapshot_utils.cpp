@@ -239,7 +239,7 @@ int BtrfsListSnaps(const QOVASHARE *pShare, QLIBCSZLIST **ppList) {
             return -1; // a list with a gap would tell of snapshots that are gone
         }
     }
-    return 0;
+    return EndsWhole(stream.get()) ? 0 : -1;
 }
 
 int ShareSubvolumePathGet(const QOVASHARE *pShare, char *szShareSubvolPath, size_t cb) {

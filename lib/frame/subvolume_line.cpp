@@ -34,6 +34,14 @@ bool NextSubvolumePath(FILE *pStream, char (&szPath)[kSubvolumeLineSize]) {
     return false;
 }
 
+bool EndsWhole(FILE *pStream) {
+    if (std::ferror(pStream) == 0) {
+        return true;
+    }
+    SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
+    return false;
+}
+
 bool SnapshotPrefix(const QOVASHARE *pShare, char *szPrefix, size_t cbPrefix) {
     int nEncrypted = 0;
     if (QLIBShareIsEncryptionGet(pShare, &nEncrypted) < 0) {

@@ -15,6 +15,10 @@ constexpr size_t kSubvolumeLineSize = 1024;
 // lines are passed over. False at the end of the stream.
 [[nodiscard]] bool NextSubvolumePath(FILE *pStream, char (&szPath)[kSubvolumeLineSize]);
 
+// Whether the stream was read to its end. False, with 0x2A00, after a read error: what was seen is only a part, and the
+// rest must not be taken for gone.
+[[nodiscard]] bool EndsWhole(FILE *pStream);
+
 // Writes what the paths of the share's snapshots begin with, relative to the volume's top: "@sharesnap/docs/". False
 // when the share's encryption can't be told (logged) or the text doesn't fit.
 [[nodiscard]] bool SnapshotPrefix(const QOVASHARE *pShare, char *szPrefix, size_t cbPrefix);

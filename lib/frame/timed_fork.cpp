@@ -203,6 +203,7 @@ int RunForked(unsigned long ulSecTimeout, const TimeLimitTask *pTask, int *pFunc
     const pid_t parent = getpid();
     const NotifyPipe pipe;
     if (!NotifyPipe::open()) {
+        SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED); // a code of an earlier overrun would tell of another one
         return -1;
     }
     struct sigaction action = {};
@@ -210,6 +211,7 @@ int RunForked(unsigned long ulSecTimeout, const TimeLimitTask *pTask, int *pFunc
     sigemptyset(&action.sa_mask);
     if (sigaction(SIGUSR1, &action, nullptr) < 0) {
         SNAP_LOG(LOG_ERR, "Failed to sigaction(), errno:%d", errno);
+        SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         return -1;
     }
     const pid_t child = fork();

@@ -330,6 +330,9 @@ int SnapMetaSyncBtrfsListVol(const char *szVolPath, QLIBCSZLIST **ppList) {
             nResult = -1; // a list with a gap would make a section stale
         }
     }
+    if (!EndsWhole(pStream)) {
+        nResult = -1;
+    }
     (void)QLIBCPclose(pStream); // what the tool printed is trusted, whatever its exit status
     return nResult;
 }

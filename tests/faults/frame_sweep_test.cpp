@@ -1,0 +1,229 @@
+#include "support/faults.hpp"
+#include "support/files.hpp"
+#include "support/metadata_fixture.hpp"
+
+#include <sharesnap/frame.h>
+#include <sharesnap/platform/error.h>
+#include <sharesnap/platform/file_lock.h>
+#include <sharesnap/platform/subvolume.h>
+
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <unistd.h>
+
+namespace {
+
+using testkit::FaultPoint;
+using testkit::Names;
+using testkit::Pairs;
+
+class FrameFaults : public testkit::MetadataTest {
+protected:
+    void SetUp() override {
+        if (testkit::Sandbox::simulated()) {
+            GTEST_SKIP() << "needs the real storage core";
+        }
+        MetadataTest::SetUp();
+    }
+
+    // Runs the operation with each of its calls failing once. `mayFail` are the results of a failure; a result of
+    // `done` means that the failure was tolerated. A failure leaves a code, and nothing is left over.
+    void sweep(const std::function<void()> &prepare, const std::function<int()> &operation, int done,
+               const std::set<int> &mayFail, const std::function<void(const FaultPoint &, int)> &more = {}) {
+        testkit::Sweep run;
+        int result = 0;
+        std::optional<testkit::Leftovers> before;
+        run.prepare = [&] {
+            prepare();
+            QLIBCErrSetEx(0, "", 0);
+            before.emplace();
+        };
+        run.operation = [&] { result = operation(); };
+        run.check = [&](const FaultPoint &point) {
+            EXPECT_TRUE(result == done || mayFail.count(result) == 1) << point << " gave " << result;
+            if (result != done && codes) {
+                EXPECT_NE(0u, QLIBCErrGet()) << point;
+            }
+            if (!point.leavesBehind()) {
+                EXPECT_EQ("", before->compare()) << point;
+            }
+            if (more) {
+                more(point, result);
+            }
+        };
+        EXPECT_GT(run.run(), 0u);
+        EXPECT_EQ(done, result) << "without a failure";
+    }
+
+    // Takes away what the library made, so that it makes all of it again.
+    static void removeDirectories() {
+        (void)QOVABtrfsDeleteSubvolFaultTolerant("/vol1/@sharesnap/docs");
+        (void)QOVABtrfsDeleteSubvolFaultTolerant("/vol1/@sharesnap");
+        std::filesystem::remove_all("/vol1/plain");
+    }
+
+    char path[4096] = "";
+    bool codes = true; // a failure of the operation leaves a code
+};
+
+TEST_F(FrameFaults, MakingASharesDirectory) {
+    sweep([&] { removeDirectories(); }, [&] { return QOVAShareSnapGetOrCreateSnapDir(docs(), path, sizeof(path), 1); },
+          1, {0, -1},
+          [](const FaultPoint &point, int result) {
+              if (result == 1) {
+                  EXPECT_EQ(1, QOVABtrfsIsSubVol("/vol1/@sharesnap/docs")) << point;
+              }
+          });
+}
+
+TEST_F(FrameFaults, MakingASharesDirectoryWithSomethingInTheWay) {
+    sweep(
+        [&] {
+            removeDirectories();
+            std::filesystem::remove_all("/vol1/@sharesnap");
+            for (const auto &entry : std::filesystem::directory_iterator("/vol1")) {
+                if (entry.path().filename().string().rfind("@sharesnap.", 0) == 0) {
+                    std::filesystem::remove_all(entry.path());
+                }
+            }
+            ASSERT_TRUE(testkit::writeFile("/vol1/@sharesnap", "precious"));
+        },
+        [&] { return SnapGetOrCreateSubvolume(docs(), "@sharesnap", path, sizeof(path), 1); }, 1, {0, -1},
+        [](const FaultPoint &point, int) {
+            size_t kept = 0;
+            for (const std::string &name : testkit::directoryNames("/vol1")) {
+                kept += testkit::readFile("/vol1/" + name) == "precious" ? 1 : 0;
+            }
+            EXPECT_EQ(1u, kept) << point;
+        });
+}
+
+TEST_F(FrameFaults, MakingPlainDirectories) {
+    sweep([&] { removeDirectories(); },
+          [&] { return SnapGetOrCreateDirWithShare(docs(), "plain", path, sizeof(path), 1); }, 1, {0, -1},
+          [](const FaultPoint &point, int result) {
+              if (result == 1) {
+                  EXPECT_TRUE(testkit::isDirectory("/vol1/plain/docs")) << point;
+              }
+          });
+}
+
+TEST_F(FrameFaults, LookingForASnapshot) {
+    takeSubvolume("a");
+    codes = false; // a path that can't be looked at counts as absent
+    sweep([] {}, [&] { return QOVAShareSnapGetSnapPath(docs(), "a", path, sizeof(path)); }, 1, {0, -1});
+}
+
+TEST_F(FrameFaults, CheckingTheSupport) {
+    int type = 0;
+    sweep([] {}, [&] { return QOVAShareSnapCheckSupport(docs(), &type, SNAP_CREATE); }, 0, {-1});
+}
+
+TEST_F(FrameFaults, MovingASharesDirectory) {
+    ASSERT_EQ("", testkit::makeShare("other"));
+    const testkit::SharePointer other = testkit::getShare("other");
+    takeSubvolume("a");
+    sweep(
+        [] {
+            if (testkit::exists("/vol1/@sharesnap/other/a")) {
+                ASSERT_EQ(0, rename("/vol1/@sharesnap/other", "/vol1/@sharesnap/docs"));
+            }
+        },
+        [&] { return SnapshotDirRename(docs(), other.get()); }, 0, {-1},
+        [](const FaultPoint &point, int result) {
+            EXPECT_EQ(result == 0, testkit::exists("/vol1/@sharesnap/other/a")) << point;
+            EXPECT_EQ(result != 0, testkit::exists("/vol1/@sharesnap/docs/a")) << point;
+        });
+}
+
+TEST_F(FrameFaults, ListingTheVolume) {
+    takeSubvolume("a");
+    takeSubvolume("b");
+    std::optional<Names> names;
+    sweep([&] { names.emplace(); }, [&] { return BtrfsListSnaps(docs(), names->address()); }, 0, {-1},
+          [&](const FaultPoint &point, int result) {
+              if (result == 0) {
+                  EXPECT_EQ((std::vector<std::string>{"a", "b"}), names->all()) << point;
+              }
+          });
+}
+
+TEST_F(FrameFaults, ReadingFacts) {
+    takeSubvolume("a");
+    std::optional<Pairs> facts;
+    sweep([&] { facts.emplace(); }, [&] { return SnapFillSubvolInfo(docs(), "a", facts->address()); }, 0, {-1});
+}
+
+TEST_F(FrameFaults, FindingTheDataPath) {
+    sweep([] {}, [&] { return ShareSubvolumePathGet(docs(), path, sizeof(path)); }, 0, {-1});
+}
+
+TEST_F(FrameFaults, MakingTheDirectoriesBelowRun) {
+    sweep(
+        [] {
+            std::filesystem::remove_all("/run/lock/sharesnap");
+            std::filesystem::remove_all("/run/sharesnap");
+        },
+        [] {
+            const int lock = QOVAShareSnapCreateRunLockShareSnapDir();
+            const int run = QOVAShareSnapCreateTmpShareSnapDir(nullptr);
+            return lock < run ? lock : run;
+        },
+        1, {0, -1});
+}
+
+TEST_F(FrameFaults, TakingTheMetadataLock) {
+    int lock = -1;
+    sweep([] { std::filesystem::remove_all("/run/lock/sharesnap"); },
+          [&] {
+              lock = QOVAShareSnapLockMetaFile(docs(), 1);
+              if (lock < 0) {
+                  return -1;
+              }
+              (void)QLIBCFileUnlockByFile(lock);
+              return 0;
+          },
+          0, {-1});
+}
+
+TEST_F(FrameFaults, WritingSections) {
+    const Pairs pairs = {{"k", "v"}};
+    sweep([&] { writeMeta(""); }, [&] { return SnapFileSectionAdd(metaPath, "a", pairs.get(), "%s=%s\n"); }, 1, {-1});
+    sweep([&] { writeMeta("[a]\nk=w\n"); },
+          [&] { return SnapFileSectionSet(metaPath, "a", nullptr, pairs.get(), nullptr); }, 1, {-1});
+    sweep([&] { writeMeta("[a]\nk=w\n"); }, [&] { return SnapFileSectionRemove(metaPath, "a"); }, 1, {-1});
+}
+
+TEST_F(FrameFaults, SettingTheQuotaFlag) {
+    // A kernel that knows the flag.
+    uint64_t word = 0;
+    using Control = int(int, unsigned long, void *);
+    sweep([] {},
+          [&] {
+              const testkit::Replacement<Control> kernel("ioctl", [&](int, unsigned long, void *) {
+                  ++word;
+                  return 0;
+              });
+              return BtrfsSubvolNoLoadUsrQuotaAttrSet("/vol1/docs", 1);
+          },
+          0, {-1});
+    EXPECT_GT(word, 0u);
+}
+
+TEST_F(FrameFaults, TheTimedChild) {
+    int task = -7;
+    sweep([&] { task = -7; },
+          [&] {
+              const TimeLimitTask work = {[](void *) { return 3; }, nullptr};
+              return ShareSnapTimeLimitFork(60, &work, &task);
+          },
+          0, {-1},
+          [&](const FaultPoint &point, int result) {
+              if (result == 0 && !point.inChild) {
+                  EXPECT_EQ(3, task) << point;
+              }
+          });
+}
+
+} // namespace
