@@ -50,6 +50,9 @@ protected:
         if (IsSkipped()) {
             return;
         }
+        if (testkit::Sandbox::simulated()) {
+            GTEST_SKIP() << "simulated volumes have a Btrfs program of their own";
+        }
         if (!testkit::exists(REAL)) {
             GTEST_SKIP() << "there is no " << REAL;
         }
@@ -98,7 +101,7 @@ protected:
 TEST_F(ToolOverAnother, PassesArgumentsAsTheyCame) {
     makeReal("echo \"$#\"; for a in \"$@\"; do echo \"<$a>\"; done; exit 7");
     const ProcessResult result = run({"subvolume", "find-new", "a b", "", "*", "$x", "-p"});
-    EXPECT_EQ(7, result.exitStatus);
+    EXPECT_EQ(7, result.exitStatus) << result.errors;
     EXPECT_EQ("7\n<subvolume>\n<find-new>\n<a b>\n<>\n<*>\n<$x>\n<-p>\n", result.output);
     EXPECT_EQ("2\n<send>\n</snap>\n", run({"send", "/snap"}).output);
     EXPECT_EQ("4\n<subvolume>\n<list>\n<-s>\n</vol1>\n", run({"subvolume", "list", "-s", "/vol1"}).output);
