@@ -1,17 +1,25 @@
-# The benchmarks: each bench/<name>.cpp is a program bench_<name>.
+# The benchmarks: each bench/<name>.cpp is a program bench_<name>. They run in the sandbox of the tests.
 
-if(NOT TARGET qovasharesnapshot)
+if(NOT TARGET qovasharesnapshot OR NOT TARGET sharesnap_test_support)
     return()
 endif()
+file(GLOB sources CONFIGURE_DEPENDS bench/common/*.cpp)
+add_library(sharesnap_bench_support STATIC ${sources})
+set_target_properties(sharesnap_bench_support PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+target_include_directories(sharesnap_bench_support PUBLIC bench)
+target_link_libraries(sharesnap_bench_support PUBLIC sharesnap_test_support)
+
 file(GLOB sources CONFIGURE_DEPENDS bench/*.cpp)
 foreach(source IN LISTS sources)
     cmake_path(GET source STEM name)
     add_executable(bench_${name} ${source})
-    set_target_properties(bench_${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bench)
-    target_compile_definitions(bench_${name} PRIVATE SHARESNAP_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
-                                                     SHARESNAP_BUILD_DIR="${PROJECT_BINARY_DIR}"
-                                                     SHARESNAP_COMMAND="${PROJECT_BINARY_DIR}/bin/sharesnap")
-    target_include_directories(bench_${name} PRIVATE bench tests)
-    target_link_libraries(bench_${name} PRIVATE qovasharesnapshot ${SHARESNAP_PLATFORM_LIBRARIES}
-                                                PkgConfig::LIBBTRFSUTIL Threads::Threads)
+    # As in the tests, a function that the program defines stands in for the libraries' own.
+    set_target_properties(bench_${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bench
+                                                   ENABLE_EXPORTS ON POSITION_INDEPENDENT_CODE OFF)
+    target_link_libraries(bench_${name} PRIVATE sharesnap_bench_support qovasharesnapshot
+                                                ${SHARESNAP_PLATFORM_LIBRARIES} PkgConfig::LIBBTRFSUTIL
+                                                Threads::Threads)
+    if(TARGET sharesnap)
+        add_dependencies(bench_${name} sharesnap sharesnap_btrfs)
+    endif()
 endforeach()
