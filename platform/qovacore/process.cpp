@@ -17,7 +17,7 @@
 #include <spawn.h>
 #include <string_view>
 #include <sys/mman.h>
-#include <sys/syscall.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <vector>
 
@@ -123,6 +123,15 @@ pid_t start(const char *szProgram, char *const rgszArg[], int fdOutput) {
     static char szLocale[] = "LC_ALL=C";
     char *const rgszEnvironment[] = {szPath, szLocale, nullptr};
     const char *szFile = strcmp(szProgram, BTRFS_NAME) == 0 ? BTRFS_TOOL : szProgram;
+    struct stat status;
+    if (stat(szFile, &status) != 0 || faccessat(AT_FDCWD, szFile, X_OK, AT_EACCESS) != 0) {
+        QOVACORE_SET_CODE(SNAP_ERR_OPERATION_FAILED); // no need of a child to find that out
+        return -1;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        QOVACORE_SET_CODE_ERRNO(SNAP_ERR_OPERATION_FAILED, EACCES);
+        return -1;
+    }
     SpawnSettings settings;
     pid_t pid = -1;
     int nError = settings.error() != 0 ? settings.error() : settings.prepare(fdOutput);
@@ -213,12 +222,23 @@ bool takeOutput(int fdFrom, int fdTo, long long endMs) {
 
 // The exit status of the child, -1 when it hasn't ended in time or a signal ended it. The child is gone in any case.
 int waitUntil(pid_t pid, long long endMs) {
-    const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    if (!process.valid() || !waitReadable(process.get(), endMs)) {
-        killAndWait(pid);
-        return -1;
+    // It has closed its output, so it is about to end: looking again and again costs less than a way to be told.
+    for (long pauseNs = 20000;; pauseNs = std::min(pauseNs * 2, 10000000L)) {
+        int nStatus = 0;
+        const pid_t ended = waitpid(pid, &nStatus, WNOHANG);
+        if (ended == pid) {
+            return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+        }
+        if (ended < 0 && errno != EINTR) {
+            return -1;
+        }
+        if (nowMs() >= endMs) {
+            killAndWait(pid);
+            return -1;
+        }
+        const timespec pause{0, pauseNs};
+        (void)nanosleep(&pause, nullptr); // cut short by a signal: the next look comes earlier
     }
-    return waitFor(pid);
 }
 
 // Takes the mark off the end of a listing. False when it isn't there as a line of its own.

@@ -410,8 +410,8 @@ TEST_F(SectionWrite, AReadOnlyDirectoryFails) {
     const std::string place = testkit::Sandbox::scratch() + "/readonly";
     ASSERT_EQ(0, mkdir(place.c_str(), 0755));
     ASSERT_TRUE(testkit::writeFile(place + "/file.conf", "[a]\nk=1\n"));
-    if (mount(place.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
-        mount(nullptr, place.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+    if (mount(place.c_str(), place.c_str(), "none", MS_BIND, nullptr) != 0 ||
+        mount("none", place.c_str(), "none", MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
         GTEST_SKIP() << "nothing can be mounted read-only";
     }
     const std::string file = place + "/file.conf";
