@@ -6,7 +6,7 @@
 //   TESTKIT_RUNS_SIMULATED;                        // once in a program: it runs on the simulated core, also as root
 //
 // VolumeTest needs root and a kernel with Btrfs, SimulatedVolumeTest the simulated storage core; where that isn't to be
-// had they skip and say why.
+// had they skip and say why. A derived SetUp goes on after the base's has skipped: it asks IsSkipped() first.
 #pragma once
 
 #include <sharesnap/platform/share.h>

@@ -72,7 +72,7 @@ void useSimulatedCore(char **argv) {
     }
     const std::string wanted = std::string(SHARESNAP_SIMULATED_DIR) + (path != nullptr ? std::string(":") + path : "");
     setenv("LD_LIBRARY_PATH", wanted.c_str(), 1);
-    execv("/proc/self/exe", argv);
+    execv(testkit::readLink("/proc/self/exe").c_str(), argv);
     std::perror("the program can't start itself on the simulated storage core");
 }
 

@@ -130,7 +130,7 @@ void carryOver(Steps &step, const std::string &name, bool nested, bool userNames
     if (isLayered(name, nested) && mountWithLayer(from, name, userNamespace)) {
         return;
     }
-    step(("mount of /" + name).c_str(), mountAt(from.c_str(), to, nullptr, MS_BIND | MS_REC));
+    step(("mount of /" + name).c_str(), mountAt(from.c_str(), to, "none", MS_BIND | MS_REC));
 }
 
 bool belongsToSandbox(const std::string &name) {
@@ -155,7 +155,7 @@ void carryOverAll(Steps &step, bool userNamespace) {
 
 // The new root is built on a tmpfs that covers /tmp for a moment, with the old root moved beneath it.
 void changeRoot(Steps &step, bool userNamespace) {
-    step("making mounts private", mountAt(nullptr, "/", nullptr, MS_REC | MS_PRIVATE));
+    step("making mounts private", mountAt("none", "/", "none", MS_REC | MS_PRIVATE));
     step("tmpfs on /tmp", step.ok() && mountAt("sandbox", "/tmp", "tmpfs", 0, "mode=0755"));
     step("workshop",
          step.ok() && chdir("/tmp") == 0 && makeDirectory("oldroot", 0755) && makeDirectory("newroot", 0755));

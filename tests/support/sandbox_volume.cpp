@@ -170,7 +170,7 @@ std::string Sandbox::useSimulatedTool() {
     if (!exists(SHARESNAP_BTRFS_TOOL)) {
         return std::string("not built: ") + SHARESNAP_BTRFS_TOOL;
     }
-    return mount(SHARESNAP_SIMULATED_TOOL, SHARESNAP_BTRFS_TOOL, nullptr, MS_BIND, nullptr) == 0
+    return mount(SHARESNAP_SIMULATED_TOOL, SHARESNAP_BTRFS_TOOL, "none", MS_BIND, nullptr) == 0
                ? ""
                : because("no simulated tool");
 }

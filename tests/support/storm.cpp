@@ -100,11 +100,12 @@ private:
         Shared &shared = pages_.shared();
         Worker worker(number, starts_[number], shared.counters.data(), pages_.failures(number), storm_.seed);
         unsigned int round = 0;
-        while (!__atomic_load_n(&shared.over, __ATOMIC_SEQ_CST) && (storm_.rounds == 0 || round < storm_.rounds)) {
+        // One round at least, however late a loaded machine gets here.
+        do {
             storm_.work(worker);
             __atomic_fetch_add(&shared.rounds, 1, __ATOMIC_SEQ_CST);
             ++round;
-        }
+        } while (!__atomic_load_n(&shared.over, __ATOMIC_SEQ_CST) && round != storm_.rounds);
         // Not exit: destructors and leak checks are the parent's business.
         _exit(0);
     }

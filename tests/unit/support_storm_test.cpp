@@ -65,7 +65,7 @@ TEST(Storm, TellsWhyAWorkerFailed) {
 TEST(Storm, StartsKilledWorkersAgain) {
     Storm storm;
     storm.workers = 3;
-    storm.duration = std::chrono::milliseconds(600);
+    storm.duration = std::chrono::milliseconds(1500);
     storm.killEvery = std::chrono::milliseconds(10);
     storm.work = [](Worker &worker) {
         worker.count(worker.start() > 0 ? 1 : 0);
