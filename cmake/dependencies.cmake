@@ -3,7 +3,6 @@
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(LIBBTRFSUTIL REQUIRED IMPORTED_TARGET libbtrfsutil)
-pkg_check_modules(LIBSYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 set(Boost_NO_WARN_NEW_VERSIONS ON)
 find_package(Boost 1.74 REQUIRED COMPONENTS serialization)
 find_package(CLI11 REQUIRED)

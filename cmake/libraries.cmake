@@ -29,22 +29,12 @@ function(sharesnap_shared_library name)
     endif()
 endfunction()
 
-# What several platform libraries share among themselves: each takes in the objects that it uses, all of them hidden.
-file(GLOB sources CONFIGURE_DEPENDS platform/common/*.cpp)
-if(sources)
-    add_library(sharesnap_platform_common STATIC ${sources})
-    set_target_properties(sharesnap_platform_common PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-    target_include_directories(sharesnap_platform_common PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform>)
-    target_link_libraries(sharesnap_platform_common PUBLIC sharesnap_headers)
-endif()
-
 # What several platform libraries use. It is no library of its own: each takes in what it needs, hidden.
 file(GLOB sources CONFIGURE_DEPENDS platform/common/*.cpp)
 add_library(platform_common STATIC ${sources})
 set_target_properties(platform_common PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 target_include_directories(platform_common PUBLIC platform)
-target_link_libraries(platform_common PUBLIC sharesnap_headers PkgConfig::LIBBTRFSUTIL PkgConfig::LIBSYSTEMD
-                                             Threads::Threads ${CMAKE_DL_LIBS})
+target_link_libraries(platform_common PUBLIC sharesnap_headers PkgConfig::LIBBTRFSUTIL Threads::Threads ${CMAKE_DL_LIBS})
 
 # sharesnap_platform_library(NAME [LINKS library...]): one folder under platform/, one shared library.
 set(SHARESNAP_PLATFORM_LIBRARIES "")
@@ -57,10 +47,7 @@ function(sharesnap_platform_library name)
     add_library(${name} SHARED ${sources})
     sharesnap_shared_library(${name})
     target_include_directories(${name} PRIVATE platform)
-    target_link_libraries(${name} PUBLIC sharesnap_headers)
-    if(TARGET sharesnap_platform_common)
-        target_link_libraries(${name} PRIVATE sharesnap_platform_common)
-    endif()
+    target_link_libraries(${name} PUBLIC sharesnap_headers PRIVATE platform_common)
     foreach(link IN LISTS arg_LINKS)
         if(TARGET ${link})
             target_link_libraries(${name} PRIVATE ${link})
