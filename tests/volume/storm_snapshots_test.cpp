@@ -149,11 +149,11 @@ TEST_F(SnapStorm, NoSectionNoAttributeAndNoCountIsLost) {
         storm.duration = std::min(left, slice);
         storm.seed = static_cast<uint64_t>(left.count());
         storm.work = [&](testkit::Worker &worker) { doOneThing(worker); };
-        const testkit::StormResult result = storm.run();
-        EXPECT_EQ("", result.failures);
+        const testkit::StormResult storms = storm.run();
+        EXPECT_EQ("", storms.failures);
         EXPECT_EQ(0U, testkit::logCount(LOG_ERR, "Failed to lock")) << testkit::logText();
         for (size_t i = 0; i < sums.size(); ++i) {
-            sums[i] += result.counter(i);
+            sums[i] += storms.counter(i);
         }
         expectNothingLost(sums[TAKEN] + 1 - sums[DELETED]);
         testkit::logClear();
