@@ -9,7 +9,8 @@
 namespace qovacore {
 
 std::string_view lineText(std::string_view line) {
-    return line.substr(0, line.find_first_of(std::string_view("\n\0", 2)));
+    line = line.substr(0, line.find('\n'));
+    return line.substr(0, line.find('\0'));
 }
 
 bool endsSection(std::string_view line) {

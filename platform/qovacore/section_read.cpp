@@ -183,11 +183,13 @@ int getSectionValue(const char *szFile, const char *szSection, const char *szKey
         return -1;
     }
     bool blValue = false;
+    const std::string_view wanted(szKey);
     std::string_view result;
     forEachLine(text, [&](std::string_view line) {
         std::string_view key;
         std::string_view value;
-        if (splitPair(line, key, value) && key == szKey) {
+        // The first look at a line is a cheap one: a section may have many long lines.
+        if (line.compare(0, wanted.size(), wanted) == 0 && splitPair(line, key, value) && key == wanted) {
             result = value;
             blValue = true;
         }
