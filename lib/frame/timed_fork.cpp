@@ -4,7 +4,6 @@
 #include <sharesnap/frame.h>
 #include <sharesnap/platform/file_lock.h>
 #include <sys/select.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -115,20 +114,46 @@ private:
     int nHighest_;
 };
 
-// Ends by the child's byte, by the child's end or by the limit. A child that something else kills sends no byte: a
-// descriptor of the process itself tells of it at once. (A kernel without such descriptors leaves it to the limit.)
-int WaitForEnd(unsigned long ulSecTimeout, pid_t pid) {
-    const DescriptorOwner child(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    try {
-        ReadySet ready(std::max(gPipeFd[0], child.get()));
-        ready.add(gPipeFd[0]);
-        if (child) {
-            ready.add(child.get());
+// Tells of the child's end, whatever ended it: the child holds the write end of a pipe, and the read end is ready when it
+// is gone. (A process that the child leaves behind may hold it, too; programs that it starts don't.)
+class ChildLife {
+public:
+    ChildLife() {
+        if (pipe2(fds_, O_CLOEXEC) == -1) {
+            fds_[0] = fds_[1] = -1; // then a child that something else kills is noticed at the limit
         }
-        return ready.wait(ulSecTimeout);
-    } catch (const std::bad_alloc &) {
-        return -1; // the child is waited for without a limit
     }
+    ~ChildLife() {
+        closeEnd(fds_[1]);
+        closeEnd(fds_[0]);
+    }
+    ChildLife(const ChildLife &) = delete;
+    ChildLife &operator=(const ChildLife &) = delete;
+
+    // In the parent, as soon as there is a child.
+    void letGo() { closeEnd(fds_[1]); }
+    [[nodiscard]] int descriptor() const { return fds_[0]; }
+
+private:
+    static void closeEnd(int &nFd) {
+        const ErrnoKeeper keeper;
+        if (nFd >= 0) {
+            (void)close(nFd); // a pipe: nothing can be lost
+        }
+        nFd = -1;
+    }
+
+    int fds_[2] = {-1, -1};
+};
+
+// Ends by the child's byte, by the child's end or by the limit.
+int WaitForEnd(unsigned long ulSecTimeout, const ChildLife &life) {
+    ReadySet ready(std::max(gPipeFd[0], life.descriptor()));
+    ready.add(gPipeFd[0]);
+    if (life.descriptor() >= 0) {
+        ready.add(life.descriptor());
+    }
+    return ready.wait(ulSecTimeout);
 }
 
 // The limit has passed: SIGTERM, and SIGKILL only when that can't be sent.
@@ -147,7 +172,7 @@ int EndOverrun(pid_t pid) {
     return -1;
 }
 
-int ForkedChildWait(unsigned long ulSecTimeout, pid_t pid, int *pRetChild) {
+int ForkedChildWait(unsigned long ulSecTimeout, pid_t pid, const ChildLife &life, int *pRetChild) {
     if (ulSecTimeout == 0) {
         return SNAP_BAD_ARGUMENT("0 < ulSecTimeout");
     }
@@ -157,7 +182,7 @@ int ForkedChildWait(unsigned long ulSecTimeout, pid_t pid, int *pRetChild) {
     if (pRetChild == nullptr) {
         return SNAP_BAD_ARGUMENT("NULL != retChild");
     }
-    const int nReady = WaitForEnd(ulSecTimeout, pid);
+    const int nReady = WaitForEnd(ulSecTimeout, life);
     if (nReady == 0) {
         return EndOverrun(pid);
     }
@@ -193,7 +218,8 @@ void StandardStreamsToNull() {
     QLIBCFileCloseLock(); // the parent's locks must not live as long as the child
     (void)setsid();       // a new child never leads a group, so this can't fail
     const int nResult = pTask->pfnTask(pTask->pArg);
-    if (ForkedChildKill(parent, SIGUSR1) < 0) {
+    // A parent that is gone has left its number to anybody.
+    if (getppid() == parent && ForkedChildKill(parent, SIGUSR1) < 0) {
         SNAP_LOG(LOG_ERR, "Failed to kill PID(%d) with signal(%d), errno: %d", parent, SIGUSR1, errno);
     }
     _exit(nResult);
@@ -214,6 +240,7 @@ int RunForked(unsigned long ulSecTimeout, const TimeLimitTask *pTask, int *pFunc
         SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         return -1;
     }
+    ChildLife life;
     const pid_t child = fork();
     if (child == 0) {
         RunChild(parent, pTask);
@@ -223,7 +250,8 @@ int RunForked(unsigned long ulSecTimeout, const TimeLimitTask *pTask, int *pFunc
         SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         return -1;
     }
-    if (ForkedChildWait(ulSecTimeout, child, pFuncRet) < 0) {
+    life.letGo();
+    if (ForkedChildWait(ulSecTimeout, child, life, pFuncRet) < 0) {
         if (QLIBCErrGet() != SNAP_ERR_TIME_LIMIT) {
             SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         }
