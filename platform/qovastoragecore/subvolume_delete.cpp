@@ -134,11 +134,11 @@ int DeleteBeneath(int nDirectory, const char *szName) {
 }
 
 /* A deletion is in memory only until the file system's next commit; a power cut before it brings the subvolumes back.
- */
-int Commit(int nDirectory) {
-    uint64_t ullTransaction = 0;
-    if (ioctl(nDirectory, BTRFS_IOC_START_SYNC, &ullTransaction) != 0 ||
-        ioctl(nDirectory, BTRFS_IOC_WAIT_SYNC, &ullTransaction) != 0) {
+   fsync of the directory that held them commits at once. (BTRFS_IOC_START_SYNC leaves the commit to a thread of the
+   kernel, which under load begins it up to 30 seconds later, and the caller waits as long.) Where something was deleted
+   in another directory than this one the whole file system is synced. */
+int Commit(int nDirectory, bool blElsewhere) {
+    if ((blElsewhere ? ioctl(nDirectory, BTRFS_IOC_SYNC) : fsync(nDirectory)) != 0) {
         QOVA_FAIL_ERRNO();
         return -1;
     }
@@ -154,15 +154,17 @@ int DeleteList(const char *szDirectory, const QLIBCSZLIST *pList, int *pDeleted)
     if (pList->nItem <= 0) {
         return 0;
     }
+    bool blElsewhere = false;
     for (int i = 0; i < pList->nItem; ++i) {
         const char *szName = QLIBCSzListGet(pList, i);
+        blElsewhere = blElsewhere || (szName != nullptr && strchr(szName, '/') != nullptr);
         if (szName != nullptr && DeleteBeneath(directory.Get(), szName) == 0) {
             ++*pDeleted;
         } else {
             QOVA_FAIL_ERRNO();
         }
     }
-    return Commit(directory.Get());
+    return Commit(directory.Get(), blElsewhere);
 }
 
 int DeleteByPath(const char *szPath) {
@@ -178,7 +180,7 @@ int DeleteByPath(const char *szPath) {
         QOVA_FAIL_ERRNO();
         return -1;
     }
-    return Commit(target.directory.Get());
+    return Commit(target.directory.Get(), false);
 }
 
 } // namespace
