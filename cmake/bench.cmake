@@ -1,6 +1,6 @@
 # The benchmarks: each bench/<name>.cpp is a program bench_<name>. They run in the sandbox of the tests.
 
-if(NOT TARGET qovasharesnapshot OR NOT TARGET sharesnap_test_support)
+if(NOT SHARESNAP_TESTS)
     return()
 endif()
 file(GLOB sources CONFIGURE_DEPENDS bench/common/*.cpp)
@@ -19,7 +19,5 @@ foreach(source IN LISTS sources)
     target_link_libraries(bench_${name} PRIVATE sharesnap_bench_support qovasharesnapshot
                                                 ${SHARESNAP_PLATFORM_LIBRARIES} PkgConfig::LIBBTRFSUTIL
                                                 Threads::Threads)
-    if(TARGET sharesnap)
-        add_dependencies(bench_${name} sharesnap sharesnap_btrfs)
-    endif()
+    add_dependencies(bench_${name} sharesnap sharesnap_btrfs)
 endforeach()

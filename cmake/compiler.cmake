@@ -27,12 +27,7 @@ endif()
 add_compile_options(-fsemantic-interposition)
 
 # RUNPATH, not RPATH: LD_LIBRARY_PATH comes first, so that another platform can stand in for ours.
-add_link_options(-Wl,--enable-new-dtags -Wl,-z,relro)
-if(SHARESNAP_PARTIAL)
-    add_link_options(-Wl,-z,lazy -Wl,--allow-shlib-undefined)
-else()
-    add_link_options(-Wl,-z,now)
-endif()
+add_link_options(-Wl,--enable-new-dtags -Wl,-z,relro,-z,now)
 
 if(SHARESNAP_SANITIZE)
     add_compile_options(-fsanitize=${SHARESNAP_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -2,21 +2,13 @@
 
 include(CMakePackageConfigHelpers)
 
-if(NOT TARGET qovasharesnapshot)
-    return()
-endif()
-
 install(TARGETS sharesnap_headers qovasharesnapshot ${SHARESNAP_PLATFORM_LIBRARIES} EXPORT qovasharesnapshotTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/sharesnap DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.h PATTERN *.hpp)
 install(DIRECTORY lib/platform/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sharesnap/platform FILES_MATCHING PATTERN *.h)
 
-if(TARGET sharesnap)
-    install(TARGETS sharesnap DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()
-if(TARGET sharesnap_btrfs)
-    install(TARGETS sharesnap_btrfs DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/sharesnap)
-endif()
+install(TARGETS sharesnap DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS sharesnap_btrfs DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/sharesnap)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qovasharesnapshot)
 install(EXPORT qovasharesnapshotTargets NAMESPACE qovasharesnapshot:: DESTINATION ${package_dir})

@@ -24,7 +24,7 @@ function(sharesnap_shared_library name)
                                              CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden
                                              VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN")
     target_link_options(${name} PRIVATE -Wl,--as-needed)
-    if(NOT SHARESNAP_SANITIZE AND NOT SHARESNAP_PARTIAL)
+    if(NOT SHARESNAP_SANITIZE)
         target_link_options(${name} PRIVATE -Wl,--no-undefined)
     endif()
 endfunction()
@@ -41,18 +41,10 @@ set(SHARESNAP_PLATFORM_LIBRARIES "")
 function(sharesnap_platform_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINKS")
     file(GLOB sources CONFIGURE_DEPENDS platform/${name}/*.cpp)
-    if(NOT sources)
-        return()
-    endif()
     add_library(${name} SHARED ${sources})
     sharesnap_shared_library(${name})
     target_include_directories(${name} PRIVATE platform)
-    target_link_libraries(${name} PUBLIC sharesnap_headers PRIVATE platform_common)
-    foreach(link IN LISTS arg_LINKS)
-        if(TARGET ${link})
-            target_link_libraries(${name} PRIVATE ${link})
-        endif()
-    endforeach()
+    target_link_libraries(${name} PUBLIC sharesnap_headers PRIVATE platform_common ${arg_LINKS})
     set(SHARESNAP_PLATFORM_LIBRARIES ${SHARESNAP_PLATFORM_LIBRARIES} ${name} PARENT_SCOPE)
 endfunction()
 
@@ -66,29 +58,26 @@ sharesnap_platform_library(qovanetsdk LINKS qovacore)
 
 # Where the platform finds the program that it runs for the name /sbin/btrfs.
 foreach(name qovacore qovastoragecore)
-    if(TARGET ${name})
-        target_compile_definitions(${name} PRIVATE SHARESNAP_LIBEXECDIR="${SHARESNAP_LIBEXECDIR}"
-                                                   SHARESNAP_BTRFS_TOOL="${SHARESNAP_LIBEXECDIR}/btrfs")
-    endif()
+    target_compile_definitions(${name} PRIVATE SHARESNAP_LIBEXECDIR="${SHARESNAP_LIBEXECDIR}"
+                                               SHARESNAP_BTRFS_TOOL="${SHARESNAP_LIBEXECDIR}/btrfs")
 endforeach()
 
 # One room, one object library; all rooms together are the shared library.
 set(room_objects "")
 foreach(room intl_utils frame metadata lifecycle counters config snaptree)
     file(GLOB sources CONFIGURE_DEPENDS lib/${room}/*.cpp)
-    if(sources)
-        add_library(sharesnap_${room} OBJECT ${sources})
-        set_target_properties(sharesnap_${room} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-        target_include_directories(sharesnap_${room} PRIVATE lib)
-        target_link_libraries(sharesnap_${room} PUBLIC sharesnap_headers)
-        list(APPEND room_objects $<TARGET_OBJECTS:sharesnap_${room}>)
+    if(NOT sources) # a room of headers alone
+        continue()
     endif()
+    add_library(sharesnap_${room} OBJECT ${sources})
+    set_target_properties(sharesnap_${room} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    target_include_directories(sharesnap_${room} PRIVATE lib)
+    target_link_libraries(sharesnap_${room} PUBLIC sharesnap_headers)
+    list(APPEND room_objects $<TARGET_OBJECTS:sharesnap_${room}>)
 endforeach()
-if(TARGET sharesnap_snaptree)
-    target_link_libraries(sharesnap_snaptree PUBLIC Boost::serialization)
-    # A file that ends in its header is refused with an exception, not with an abort.
-    target_compile_definitions(sharesnap_snaptree PRIVATE BOOST_DISABLE_ASSERTS)
-endif()
+target_link_libraries(sharesnap_snaptree PUBLIC Boost::serialization)
+# A file that ends in its header is refused with an exception, not with an abort.
+target_compile_definitions(sharesnap_snaptree PRIVATE BOOST_DISABLE_ASSERTS)
 
 # The linker's version script: the C symbols of lib/exports.txt and the tree's classes; the rest is local.
 set(exports_list ${PROJECT_SOURCE_DIR}/lib/exports.txt)
@@ -113,12 +102,10 @@ file(CONFIGURE OUTPUT ${exports_script} CONTENT [[
 };
 ]] @ONLY)
 
-if(room_objects)
-    add_library(qovasharesnapshot SHARED ${room_objects})
-    sharesnap_shared_library(qovasharesnapshot)
-    set_target_properties(qovasharesnapshot PROPERTIES LINKER_LANGUAGE CXX LINK_DEPENDS ${exports_script})
-    target_link_options(qovasharesnapshot PRIVATE -Wl,--version-script=${exports_script})
-    # Callers fetch share records, lists and hashes from the platform themselves.
-    target_link_libraries(qovasharesnapshot PUBLIC sharesnap_headers ${SHARESNAP_PLATFORM_LIBRARIES}
-                                            PRIVATE Boost::serialization Threads::Threads)
-endif()
+add_library(qovasharesnapshot SHARED ${room_objects})
+sharesnap_shared_library(qovasharesnapshot)
+set_target_properties(qovasharesnapshot PROPERTIES LINKER_LANGUAGE CXX LINK_DEPENDS ${exports_script})
+target_link_options(qovasharesnapshot PRIVATE -Wl,--version-script=${exports_script})
+# Callers fetch share records, lists and hashes from the platform themselves.
+target_link_libraries(qovasharesnapshot PUBLIC sharesnap_headers ${SHARESNAP_PLATFORM_LIBRARIES}
+                                        PRIVATE Boost::serialization Threads::Threads)
