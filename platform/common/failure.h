@@ -47,8 +47,8 @@ template <typename Body>
 } // namespace QovaPlatform
 
 /* Sets the code that belongs to errno, and keeps errno. */
-#define QOVA_FAIL_ERRNO() QLIBCErrSetEx(QovaPlatform::CodeOfErrno(errno), __FILE__, __LINE__)
+#define QOVA_FAIL_ERRNO() QLIBCErrSetEx(QovaPlatform::CodeOfErrno(errno), __FILE_NAME__, __LINE__)
 /* Sets errno and the code for an argument that can't be used. */
-#define QOVA_FAIL_ARGUMENT(nErrno) (QLIBCErrSetEx(SNAP_ERR_BAD_PARAMETER, __FILE__, __LINE__), errno = (nErrno))
+#define QOVA_FAIL_ARGUMENT(nErrno) (QLIBCErrSetEx(SNAP_ERR_BAD_PARAMETER, __FILE_NAME__, __LINE__), errno = (nErrno))
 
 #endif

@@ -173,7 +173,7 @@ int QOVAEAMKDir(int nFlags, const char *szPath) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         if (MakeDirectory(szPath) != 0) {
             QOVA_FAIL_ERRNO();
             return -1;
@@ -189,7 +189,7 @@ int QOVAEARemove(const char *szPath, int nFlags, int64_t *pFlag) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         const Descriptor directory = OpenWithoutLinks(szPath, O_RDONLY | O_DIRECTORY);
         if (!directory.IsOpen()) {
             if (errno == ENOENT) {

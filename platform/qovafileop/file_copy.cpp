@@ -148,7 +148,7 @@ int QOVAFileCopy(const char *szSource, const char *szTarget, const QOVAFILECOPYO
         return -1;
     }
     static constexpr QOVAFILECOPYOPTIONS none = {};
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         const int nResult = Copy(szSource, szTarget, pOptions == nullptr ? none : *pOptions);
         if (nResult != 0) {
             QOVA_FAIL_ERRNO();

@@ -119,7 +119,7 @@ int QOVAQuotaDbPathGet(const char *szPath, char *szBuf, size_t cbBuf) {
     if (VolumePathParseEx(szPath, szVolume) != 0) {
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         std::string szDirectory;
         std::string szName;
         if (!SplitPath(szPath, szDirectory, szName)) {
@@ -142,7 +142,7 @@ int QOVAQuotaIsEnough(unsigned int uUid, const char *szPath, uint64_t ullBytes) 
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         QgroupNumbers numbers;
         if (ReadQgroup(szPath, numbers) != 0) {
             return -1;
@@ -159,5 +159,5 @@ int QOVAQuotaShareQuotaGet(const QOVASHARE *pShare, QOVASHAREQUOTA *pQuota) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] { return FillRecord(pShare, pQuota); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return FillRecord(pShare, pQuota); });
 }

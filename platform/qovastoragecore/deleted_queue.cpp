@@ -235,7 +235,7 @@ int QOVABtrfsDeletedSubvolAdd(const char *szShareSubvol, const char *szSnapshot)
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         const int nResult = Add(szShareSubvol, szSnapshot);
         if (nResult != 0) {
             QOVA_FAIL_ERRNO();
@@ -249,5 +249,5 @@ int QOVABtrfsDeletedSubvolGet(const char *szShareSubvol, QLIBCSZHASH **ppHash) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] { return Get(szShareSubvol, ppHash); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return Get(szShareSubvol, ppHash); });
 }

@@ -21,7 +21,8 @@ namespace {
 std::string DirectoryWithData(const char *szPath) {
     std::string szTable;
     if (MountTable::Read(szTable)) {
-        const Mount *pMount = MountTable(szTable).ByMountPoint(PlainPath(szPath));
+        const MountTable table(szTable); // what it gives lives as long as it does
+        const Mount *pMount = table.ByMountPoint(PlainPath(szPath));
         if (pMount != nullptr && pMount->szType == "fuse.gocryptfs" && pMount->szSource[0] == '/') {
             return pMount->szSource;
         }
@@ -60,7 +61,7 @@ int QLIBFSGetBTRFSNodatacow(const char *szPath) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         unsigned int uFlags = 0;
         const Descriptor directory = OpenWithFlags(szPath, &uFlags);
         if (!directory.IsOpen()) {
@@ -75,7 +76,7 @@ int QLIBFSGetBTRFSCompression(const char *szPath) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         unsigned int uFlags = 0;
         const Descriptor directory = OpenWithFlags(szPath, &uFlags);
         if (!directory.IsOpen()) {

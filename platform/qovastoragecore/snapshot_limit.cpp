@@ -102,7 +102,7 @@ unsigned long QOVABtrfsSnapCountMaximumGet(void) {
 }
 
 int QOVABtrfsSnapCountReachMaxCheck(void) {
-    return Guarded(__FILE__, __LINE__, -1, [] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [] {
         unsigned long ulTotal = 0;
         if (CountAll(&ulTotal) != 0) {
             QOVA_FAIL_ERRNO();

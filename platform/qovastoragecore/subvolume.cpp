@@ -133,7 +133,7 @@ int ReadInfo(int nFd, btrfs_ioctl_get_subvol_info_args *pInfo) {
         return 0;
     }
     if (errno == ENOTTY) {
-        QLIBCErrSetEx(SNAP_ERR_UNSUPPORTED, __FILE__, __LINE__);
+        QLIBCErrSetEx(SNAP_ERR_UNSUPPORTED, __FILE_NAME__, __LINE__);
     } else {
         QOVA_FAIL_ERRNO();
     }
@@ -201,7 +201,7 @@ int QOVABtrfsCreateSubVol(const char *szPath) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         const ParentAndName target = OpenParent(szPath);
         if (!target.directory.IsOpen()) {
             QOVA_FAIL_ERRNO();
@@ -227,7 +227,7 @@ int QOVABtrfsReadOnlySnapshotTake(const char *szSource, const char *szTarget) {
         return -1;
     }
     const int nResult =
-        Guarded(__FILE__, __LINE__, -1, [&] { return TakeSnapshot(szSource, szTarget, BTRFS_SUBVOL_RDONLY); });
+        Guarded(__FILE_NAME__, __LINE__, -1, [&] { return TakeSnapshot(szSource, szTarget, BTRFS_SUBVOL_RDONLY); });
     if (nResult == 0) {
         // A creator that tries again after a name conflict would take that conflict's code for one of this attempt.
         QLIBCErrSetEx(0, "", 0);
@@ -240,7 +240,7 @@ int QOVABtrfsSnapshotTake(const char *szSource, const char *szTarget) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] { return TakeSnapshot(szSource, szTarget, 0); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return TakeSnapshot(szSource, szTarget, 0); });
 }
 
 int QOVABtrfsSubvolHideAttrSet(const char *szPath, int blHide) {
@@ -248,7 +248,7 @@ int QOVABtrfsSubvolHideAttrSet(const char *szPath, int blHide) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] { return SetHidden(szPath, blHide != 0); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return SetHidden(szPath, blHide != 0); });
 }
 
 int QOVASnapFillSubvolInfoWithPath(const char *szPath, QLIBCSZHASH **ppHash) {
@@ -256,5 +256,5 @@ int QOVASnapFillSubvolInfoWithPath(const char *szPath, QLIBCSZHASH **ppHash) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] { return FillFacts(szPath, ppHash); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return FillFacts(szPath, ppHash); });
 }

@@ -190,7 +190,7 @@ int QOVABtrfsDeleteSubvolFaultTolerant(const char *szPath) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] { return DeleteByPath(szPath); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return DeleteByPath(szPath); });
 }
 
 int QOVABtrfsDeleteSubvolListFaultTolerant(const char *szDirectory, const QLIBCSZLIST *pList) {
@@ -204,5 +204,5 @@ int QOVABtrfsDeleteSubvolListFaultTolerantEx(const char *szDirectory, const QLIB
         return -1;
     }
     *pDeleted = 0;
-    return Guarded(__FILE__, __LINE__, -1, [&] { return DeleteList(szDirectory, pList, pDeleted); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return DeleteList(szDirectory, pList, pDeleted); });
 }

@@ -149,7 +149,7 @@ int QOVAShareVolPathGet(const char *szPath, char *szBuf, size_t cbBuf) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         std::string szVolume;
         if (!VolumeByWalk(szPath, szVolume)) {
             return WithVolumeOf(szPath,
@@ -219,7 +219,7 @@ int QOVAGetFSType(const char *szPath, int nFlags) {
             return nType;
         }
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] { return TypeByTable(szPath); });
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] { return TypeByTable(szPath); });
 }
 
 int QOVAMountVolInfoGet(const char *szPath, QOVAMOUNTVOLINFO *pInfo) {
@@ -227,7 +227,7 @@ int QOVAMountVolInfoGet(const char *szPath, QOVAMOUNTVOLINFO *pInfo) {
         QOVA_FAIL_ARGUMENT(EINVAL);
         return -1;
     }
-    return Guarded(__FILE__, __LINE__, -1, [&] {
+    return Guarded(__FILE_NAME__, __LINE__, -1, [&] {
         return WithVolumeOf(szPath, [&](const Mount &volume) { return FillRecord(volume, pInfo); });
     });
 }
@@ -235,7 +235,7 @@ int QOVAMountVolInfoGet(const char *szPath, QOVAMOUNTVOLINFO *pInfo) {
 QOVAMOUNTVOLINFO *QOVAMountVolAllEnum(int nType, int blMounted, int nFlags) {
     (void)blMounted; // volumes that aren't mounted are unknown to the system
     (void)nFlags;    // 0 at every call
-    return Guarded(__FILE__, __LINE__, static_cast<QOVAMOUNTVOLINFO *>(nullptr), [&]() -> QOVAMOUNTVOLINFO * {
+    return Guarded(__FILE_NAME__, __LINE__, static_cast<QOVAMOUNTVOLINFO *>(nullptr), [&]() -> QOVAMOUNTVOLINFO * {
         std::string szTable;
         if (!MountTable::Read(szTable)) {
             QOVA_FAIL_ERRNO();
