@@ -88,6 +88,24 @@ TEST_F(DirectoryProperty, CompressionIsTheFlagOrTheMethodOfTheDirectory) {
     EXPECT_EQ(1, QLIBFSGetBTRFSCompression("/vol1/snaps"));
 }
 
+TEST_F(DirectoryProperty, OfAnEncryptedShareAreThoseOfItsBackEnd) {
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/@docs@"));
+    ASSERT_EQ(0, testkit::runProcess({"chattr", "+C", "/vol1/@docs@"}).exitStatus);
+    // A view whose program is gone: nothing can be learnt from it.
+    const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    const std::string options = "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0";
+    const int mounted = mount("/vol1/@docs@", "/vol1/docs", "fuse.gocryptfs", 0, options.c_str());
+    close(device);
+    if (mounted != 0) {
+        GTEST_SKIP() << "no FUSE here";
+    }
+    EXPECT_EQ(1, QLIBFSGetBTRFSNodatacow("/vol1/docs"));
+    EXPECT_EQ(1, QLIBFSGetBTRFSNodatacow("/vol1//docs/"));
+    EXPECT_EQ(0, QLIBFSGetBTRFSCompression("/vol1/docs"));
+    EXPECT_EQ(0, umount2("/vol1/docs", MNT_DETACH));
+    EXPECT_EQ(0, QLIBFSGetBTRFSNodatacow("/vol1/docs"));
+}
+
 TEST_F(DirectoryProperty, OfAnotherFileSystemIsntSet) {
     const std::string scratch = testkit::Sandbox::scratch();
     EXPECT_EQ(0, QLIBFSGetBTRFSNodatacow(scratch.c_str()));
