@@ -38,8 +38,8 @@ int listAttributes(const AttrArguments &arguments, const OutputForm &form) {
     const Pairs pairs = pairsOf(requireSnapshot(*share, arguments.snapshot).get());
     if (form.json) {
         Json document = newDocument();
-        document["share"] = validUtf8(share->szName);
-        document["name"] = validUtf8(arguments.snapshot);
+        document["share"] = share->szName;
+        document["name"] = arguments.snapshot;
         document["attributes"] = objectOf(pairs);
         printDocument(document);
         return exitDone;

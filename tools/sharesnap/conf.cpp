@@ -46,7 +46,7 @@ int listSettings(const ConfArguments &arguments, const OutputForm &form) {
         const Pairs settings = pairsOf(settingsOf(*share).get());
         addRows(table, *share, settings);
         if (!arguments.share.empty() || !settings.empty()) {
-            document["shares"][validUtf8(name)] = objectOf(settings);
+            document["shares"][name] = objectOf(settings);
         }
     }
     if (form.json) {

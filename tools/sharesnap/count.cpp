@@ -1,7 +1,6 @@
 // sharesnap count: how many visible snapshots there are.
 #include "failure.h"
 #include "share_lookup.h"
-#include "text.h"
 #include "verbs.h"
 
 #include <sharesnap/counters.h>
@@ -44,7 +43,7 @@ int printCounts(const std::vector<std::pair<std::string, int>> &counts, bool tot
     document["shares"] = Json::object();
     for (const auto &entry : counts) {
         table.addRow({entry.first, std::to_string(entry.second), std::to_string(limit)});
-        document["shares"][validUtf8(entry.first)] = entry.second;
+        document["shares"][entry.first] = entry.second;
         sum += entry.second;
     }
     if (total) {

@@ -127,8 +127,8 @@ int createSnapshot(const CreateArguments &arguments, const OutputForm &form) {
     }
     const auto time = timeOfName(name);
     Json document = newDocument();
-    document["share"] = validUtf8(share->szName);
-    document["name"] = validUtf8(name);
+    document["share"] = share->szName;
+    document["name"] = name;
     document["time"] = time ? Json(isoTime(*time)) : Json();
     printDocument(document);
     return exitDone;

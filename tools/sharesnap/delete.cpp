@@ -59,6 +59,7 @@ std::vector<std::string> chooseNames(const QOVASHARE &share, const DeleteArgumen
         return withoutRepeats(arguments.snapshots);
     }
     Selection selection;
+    selection.keys = {"hide"}; // only the names are wanted
     selection.hidden = arguments.hidden;
     selection.attributes = arguments.attributes;
     if (!arguments.olderThan.empty()) {
@@ -211,12 +212,12 @@ void explain(const QOVASHARE &share, const Outcome &outcome) {
 
 Json outcomeDocument(const Outcome &outcome) {
     Json entry = Json::object();
-    entry["name"] = validUtf8(outcome.snapshot);
+    entry["name"] = outcome.snapshot;
     entry["result"] = resultWord(outcome);
     if (outcome.code == SNAP_RESULT_LOCKED) {
         entry["holds"] = holdsDocument(outcome.holds);
     } else if (outcome.code == SNAP_ERR_OPERATION_FAILED) {
-        entry["reason"] = validUtf8(outcome.reason);
+        entry["reason"] = outcome.reason;
     }
     return entry;
 }
@@ -224,7 +225,7 @@ Json outcomeDocument(const Outcome &outcome) {
 void printOutcomes(const QOVASHARE &share, const std::vector<Outcome> &outcomes, const OutputForm &form) {
     if (form.json) {
         Json document = newDocument();
-        document["share"] = validUtf8(share.szName);
+        document["share"] = share.szName;
         document["results"] = Json::array();
         for (const Outcome &outcome : outcomes) {
             document["results"].push_back(outcomeDocument(outcome));

@@ -80,6 +80,7 @@ int listHolds(const HoldArguments &arguments, const OutputForm &form) {
         names.push_back(arguments.snapshot);
     } else {
         Selection selection;
+        selection.keys = {"hide"}; // only the names are wanted
         selection.hidden = true;
         for (const Snapshot &snapshot : gatherSnapshots(*share, selection)) {
             names.push_back(snapshot.name);
@@ -88,7 +89,7 @@ int listHolds(const HoldArguments &arguments, const OutputForm &form) {
     Table table({"SNAPSHOT", "HELD BY", "COUNT"});
     table.alignRight(2);
     Json document = newDocument();
-    document["share"] = validUtf8(share->szName);
+    document["share"] = share->szName;
     document["snapshots"] = Json::array();
     for (const std::string &name : names) {
         const std::vector<Hold> holds = holdsOf(*share, name);
@@ -97,7 +98,7 @@ int listHolds(const HoldArguments &arguments, const OutputForm &form) {
         }
         if (!holds.empty()) {
             Json entry = Json::object();
-            entry["name"] = validUtf8(name);
+            entry["name"] = name;
             entry["holds"] = holdsDocument(holds);
             document["snapshots"].push_back(entry);
         }

@@ -53,7 +53,7 @@ Json holdsDocument(const std::vector<Hold> &holds) {
     Json document = Json::array();
     for (const Hold &hold : holds) {
         Json entry = Json::object();
-        entry["holder"] = validUtf8(hold.holder);
+        entry["holder"] = hold.holder;
         entry["count"] = hold.count;
         document.push_back(entry);
     }

@@ -1,7 +1,6 @@
 // sharesnap info: the configuration of the share as a snapshot froze it.
 #include "failure.h"
 #include "share_lookup.h"
-#include "text.h"
 #include "verbs.h"
 
 #include <sharesnap/config.h>
@@ -102,7 +101,7 @@ const Setting *find(const std::vector<Setting> &settings, const std::string &key
 Json settingsDocument(const std::vector<Setting> &settings) {
     Json document = Json::object();
     for (const Setting &setting : settings) {
-        document[setting.key] = validUtf8(setting.value);
+        document[setting.key] = setting.value;
     }
     return document;
 }
@@ -130,8 +129,8 @@ void printDifferences(const std::vector<Setting> &frozen, const std::vector<Sett
             continue;
         }
         table.addRow({now.key, then != nullptr ? then->value : "-", now.value});
-        document["differences"][now.key] = {{"snapshot", then != nullptr ? Json(validUtf8(then->value)) : Json()},
-                                            {"now", validUtf8(now.value)}};
+        document["differences"][now.key] = {{"snapshot", then != nullptr ? Json(then->value) : Json()},
+                                            {"now", now.value}};
     }
     if (form.json) {
         printDocument(document);
@@ -145,8 +144,8 @@ int showInfo(const InfoArguments &arguments, const OutputForm &form) {
     const Share share = requireBtrfsShare(arguments.share, "can't read a snapshot of");
     const std::vector<Setting> frozen = frozenSettings(*share, arguments.snapshot);
     Json document = newDocument();
-    document["share"] = validUtf8(share->szName);
-    document["name"] = validUtf8(arguments.snapshot);
+    document["share"] = share->szName;
+    document["name"] = arguments.snapshot;
     if (arguments.diff) {
         printDifferences(frozen, liveSettings(*share), form, document);
     } else {

@@ -2,7 +2,6 @@
 #include "failure.h"
 #include "share_lookup.h"
 #include "snapshots.h"
-#include "text.h"
 #include "times.h"
 #include "verbs.h"
 
@@ -44,7 +43,7 @@ void printTable(const std::vector<Snapshot> &snapshots, const ListArguments &arg
 
 Json snapshotDocument(const Snapshot &snapshot) {
     Json entry = Json::object();
-    entry["name"] = validUtf8(snapshot.name);
+    entry["name"] = snapshot.name;
     entry["time"] = snapshot.time ? Json(isoTime(*snapshot.time)) : Json();
     entry["hidden"] = snapshot.hidden();
     entry["attributes"] = objectOf(snapshot.attributes);
@@ -62,13 +61,16 @@ int listSnapshots(const ListArguments &arguments, const OutputForm &form) {
         selection.until = parseTime("--until", arguments.until, form.utc);
     }
     const Share share = requireBtrfsShare(arguments.share, "can't list the snapshots of");
+    if (!form.json) {
+        selection.keys = {"hide", "take-by", "desc"}; // the table shows no others
+    }
     const std::vector<Snapshot> snapshots = gatherSnapshots(*share, selection);
     if (!form.json) {
         printTable(snapshots, arguments, form);
         return exitDone;
     }
     Json document = newDocument();
-    document["share"] = validUtf8(share->szName);
+    document["share"] = share->szName;
     document["snapshots"] = Json::array();
     for (const Snapshot &snapshot : snapshots) {
         document["snapshots"].push_back(snapshotDocument(snapshot));

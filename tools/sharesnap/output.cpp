@@ -68,7 +68,7 @@ void printDocument(const Json &document) {
 Json objectOf(const std::vector<std::pair<std::string, std::string>> &pairs) {
     Json object = Json::object();
     for (const auto &pair : pairs) {
-        object[validUtf8(pair.first)] = validUtf8(pair.second);
+        object[pair.first] = pair.second;
     }
     return object;
 }

@@ -2,7 +2,6 @@
 #include "failure.h"
 #include "share_admin.h"
 #include "share_lookup.h"
-#include "text.h"
 #include "verbs.h"
 
 #include <sharesnap/counters.h>
@@ -16,9 +15,9 @@ namespace {
 
 Json shareDocument(const QOVASHARE &share) {
     Json entry = Json::object();
-    entry["name"] = validUtf8(share.szName);
-    entry["path"] = validUtf8(share.szPath);
-    entry["description"] = validUtf8(share.szDesc);
+    entry["name"] = share.szName;
+    entry["path"] = share.szPath;
+    entry["description"] = share.szDesc;
     entry["encrypted"] = isEncrypted(share);
     return entry;
 }
@@ -71,7 +70,7 @@ int showShare(const std::string &name, const OutputForm &form) {
         Json document = newDocument();
         document["share"] = shareDocument(*share);
         document["supported"] = no.empty();
-        document["reason"] = no.empty() ? Json() : Json(validUtf8(no));
+        document["reason"] = no.empty() ? Json() : Json(no);
         document["snapshots"] = count >= 0 ? Json(count) : Json();
         document["limit"] = limit;
         printDocument(document);

@@ -2,7 +2,6 @@
 #include "failure.h"
 #include "holds.h"
 #include "share_lookup.h"
-#include "text.h"
 #include "times.h"
 #include "verbs.h"
 
@@ -64,10 +63,10 @@ int showSnapshot(const ShowArguments &arguments, const OutputForm &form) {
     }
     const auto time = timeOfName(arguments.snapshot);
     Json document = newDocument();
-    document["share"] = validUtf8(share->szName);
-    document["name"] = validUtf8(arguments.snapshot);
+    document["share"] = share->szName;
+    document["name"] = arguments.snapshot;
     document["time"] = time ? Json(isoTime(*time)) : Json();
-    document["path"] = validUtf8(facts.path);
+    document["path"] = facts.path;
     document["on_volume"] = facts.onVolume;
     document["frozen_configuration"] = facts.frozenConfiguration;
     document["holds"] = holdsDocument(facts.holds);

@@ -43,9 +43,9 @@ int estimateSize(const SizeArguments &arguments, const OutputForm &form) {
     }
     if (form.json) {
         Json document = newDocument();
-        document["share"] = validUtf8(share->szName);
-        document["name"] = validUtf8(arguments.snapshot);
-        document["parent"] = arguments.parent.empty() ? Json() : Json(validUtf8(arguments.parent));
+        document["share"] = share->szName;
+        document["name"] = arguments.snapshot;
+        document["parent"] = arguments.parent.empty() ? Json() : Json(arguments.parent);
         document["bytes"] = size;
         printDocument(document);
         return exitDone;

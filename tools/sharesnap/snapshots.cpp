@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <new>
 
 namespace command {
@@ -17,36 +18,54 @@ namespace {
 enum Answer { keep = 0, skip = 1, stopFailing = 3 };
 
 struct Gathering {
-    bool hidden;
+    const Selection &selection;
     bool outOfMemory;
     List keys; // one list for all sections
     std::vector<Snapshot> snapshots;
 };
 
-void takeSection(Gathering &gathering, const char *name, const QLIBCSZHASH *pairs) {
-    Snapshot snapshot;
-    snapshot.name = name;
-    snapshot.time = timeOfName(snapshot.name);
-    QLIBCSzListRemoveAll(gathering.keys.get());
-    if (QLIBCSzHashEnumKey(pairs, gathering.keys.address()) < 0) {
+Pairs chosenPairs(const QLIBCSZHASH *section, const std::vector<std::string> &keys) {
+    Pairs pairs;
+    pairs.reserve(keys.size());
+    for (const std::string &key : keys) {
+        const char *value = QLIBCSzHashGetValue(section, key.c_str());
+        if (value != nullptr) {
+            pairs.emplace_back(key, value);
+        }
+    }
+    return pairs;
+}
+
+Pairs allPairs(const QLIBCSZHASH *section, List &keys) {
+    Pairs pairs;
+    QLIBCSzListRemoveAll(keys.get());
+    if (QLIBCSzHashEnumKey(section, keys.address()) < 0) {
         throw std::bad_alloc();
     }
-    snapshot.attributes.reserve(static_cast<size_t>(gathering.keys->nItem));
-    for (int i = 0; i < gathering.keys->nItem; ++i) {
-        const char *key = QLIBCSzListGet(gathering.keys.get(), i);
-        snapshot.attributes.emplace_back(key, QLIBCSzHashGetValue(pairs, key));
+    pairs.reserve(static_cast<size_t>(keys->nItem));
+    for (int i = 0; i < keys->nItem; ++i) {
+        const char *key = QLIBCSzListGet(keys.get(), i);
+        pairs.emplace_back(key, QLIBCSzHashGetValue(section, key));
     }
-    if (gathering.hidden || !snapshot.hidden()) {
-        gathering.snapshots.push_back(std::move(snapshot));
+    return pairs;
+}
+
+void takeSection(Gathering &gathering, const char *name, const QLIBCSZHASH *section) {
+    const char *hide = QLIBCSzHashGetValue(section, "hide");
+    if (!gathering.selection.hidden && hide != nullptr && std::strcmp(hide, "true") == 0) {
+        return;
     }
+    const std::vector<std::string> &keys = gathering.selection.keys;
+    gathering.snapshots.push_back(
+        {name, timeOfName(name), keys.empty() ? allPairs(section, gathering.keys) : chosenPairs(section, keys)});
 }
 
 // Stands last in the chain, so it meets what the filters let through. It takes the section for itself: the list of
 // names that the library makes isn't wanted.
-int gather(const char *name, const QLIBCSZHASH *pairs, void *data) {
+int gather(const char *name, const QLIBCSZHASH *section, void *data) {
     auto &gathering = *static_cast<Gathering *>(data);
     try {
-        takeSection(gathering, name, pairs);
+        takeSection(gathering, name, section);
     } catch (const std::bad_alloc &) {
         gathering.outOfMemory = true; // no exception may pass through the library
         return stopFailing;
@@ -120,7 +139,7 @@ void checkAttributeFilters(const std::vector<std::string> &filters) {
 
 std::vector<Snapshot> gatherSnapshots(const QOVASHARE &share, const Selection &selection) {
     checkAttributeFilters(selection.attributes);
-    Gathering gathering{selection.hidden, false, newList(), {}};
+    Gathering gathering{selection, false, newList(), {}};
     std::vector<std::string> filters = selection.attributes;
     std::string since;
     std::string until;

@@ -25,6 +25,7 @@ struct Selection {
     bool hidden = false; // hidden ones, too
     std::optional<time_t> since;
     std::optional<time_t> until;
+    std::vector<std::string> keys;       // take only these attributes of each; all when empty
     std::vector<std::string> attributes; // as QOVAShareSnapAttrSelector takes them: key, key=part, key==value, !...
 };
 

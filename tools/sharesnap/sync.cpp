@@ -78,12 +78,12 @@ void addToReport(Report &report, const std::string &share, const Difference &dif
     const auto names = [](const std::vector<std::string> &items) {
         Json array = Json::array();
         for (const std::string &item : items) {
-            array.push_back(validUtf8(item));
+            array.push_back(item);
         }
         return array;
     };
     Json entry = Json::object();
-    entry["name"] = validUtf8(share);
+    entry["name"] = share;
     entry["removed"] = names(difference.stale);
     entry["added"] = names(difference.missing);
     report.shares.push_back(entry);

@@ -1,9 +1,14 @@
 #include "text.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace command {
 namespace {
+
+bool isControl(unsigned char byte) {
+    return byte < 0x20 || byte == 0x7F;
+}
 
 bool continues(const std::string &text, size_t place) {
     return place < text.size() && (static_cast<unsigned char>(text[place]) & 0xC0) == 0x80;
@@ -36,7 +41,7 @@ void escape(unsigned char byte, std::string &result) {
     result += text;
 }
 
-std::string cleaned(const std::string &text, bool forPeople) {
+std::string cleaned(const std::string &text) {
     std::string result;
     result.reserve(text.size());
     for (size_t place = 0; place < text.size();) {
@@ -48,9 +53,9 @@ std::string cleaned(const std::string &text, bool forPeople) {
             continue;
         }
         const auto second = static_cast<unsigned char>(length > 1 ? text[place + 1] : 0);
-        if (forPeople && length == 1 && (byte < 0x20 || byte == 0x7F)) {
+        if (isControl(byte)) {
             escape(byte, result);
-        } else if (forPeople && byte == 0xC2 && second < 0xA0) { // the control characters U+0080 to U+009F
+        } else if (byte == 0xC2 && second < 0xA0) { // the control characters U+0080 to U+009F
             escape(second, result);
         } else {
             result.append(text, place, length);
@@ -62,12 +67,12 @@ std::string cleaned(const std::string &text, bool forPeople) {
 
 } // namespace
 
-std::string validUtf8(const std::string &text) {
-    return cleaned(text, false);
-}
-
 std::string printable(const std::string &text) {
-    return cleaned(text, true);
+    const auto plain = [](char byte) {
+        const auto value = static_cast<unsigned char>(byte);
+        return value < 0x80 && !isControl(value);
+    };
+    return std::all_of(text.begin(), text.end(), plain) ? text : cleaned(text);
 }
 
 size_t columns(const std::string &text) {
