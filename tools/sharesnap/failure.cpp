@@ -54,7 +54,7 @@ constexpr Code codes[] = {
     {SNAP_ERR_TIME_LIMIT, "SNAP_ERR_TIME_LIMIT", exitFailed, "it took too long", "try again"},
     {SNAP_ERR_REMOVE_FAILED, "SNAP_ERR_REMOVE_FAILED", exitFailed, "something can't be removed", logHint},
     {SNAP_ERR_SHARE_FORBIDDEN, "SNAP_ERR_SHARE_FORBIDDEN", exitRefused, "snapshots of this share are forbidden",
-     "take the key `forbidden` from the record of share %s"},
+     "take sharesnap:forbidden out of the record of share %s"},
     {SNAP_ERR_SYSTEM_SNAPSHOT_LIMIT, "SNAP_ERR_SYSTEM_SNAPSHOT_LIMIT", exitRefused,
      "the system's limit of snapshots is reached",
      "delete old snapshots of any share, or raise max_snapshots_per_system in /etc.defaults/qovainfo.conf"},
