@@ -64,16 +64,16 @@ void CopyText(char *szText, const char *szSource) {
 
 [[nodiscard]] int WriteEvent(const QOVASHARE *pShare, const char *szSnapName, const char *szActor, bool blSuccess,
                              unsigned int uCode) {
-    char *const szEnd = nullptr;
     if (blSuccess) {
         return QOVALogSet1(EVENT_TYPE, EVENT_LEVEL_INFO, SNAP_EVENT_CREATE_DONE, szActor, szSnapName, pShare->szName,
-                           szEnd);
+                           static_cast<char *>(nullptr));
     }
     char szText[kTextSize] = "";
     if (!FailureText(pShare, uCode, szText)) {
         return -1;
     }
-    return QOVALogSet1(EVENT_TYPE, EVENT_LEVEL_ERROR, SNAP_EVENT_CREATE_FAILED, szActor, pShare->szName, szText, szEnd);
+    return QOVALogSet1(EVENT_TYPE, EVENT_LEVEL_ERROR, SNAP_EVENT_CREATE_FAILED, szActor, pShare->szName, szText,
+                       static_cast<char *>(nullptr));
 }
 
 } // namespace

@@ -177,10 +177,11 @@ int QOVAShareSnapDeleteLogSet(const QOVASHARE *pShare, const char *szFirst, cons
     if (pShare == nullptr || szFirst == nullptr || szSecond == nullptr) {
         SNAP_LOG_REG(LOG_ERR, "Bad Parameter.[0x%04X %s:%d]");
     } else {
-        char *const szEnd = nullptr;
         const unsigned int uEvent = blSuccess != 0 ? SNAP_EVENT_DELETE_DONE : SNAP_EVENT_DELETE_FAILED;
-        nResult =
-            QOVALogSet1(EVENT_TYPE, EVENT_LEVEL_INFO, uEvent, szFirst, pShare->szName, szSecond, szEnd) < 0 ? -1 : 0;
+        nResult = QOVALogSet1(EVENT_TYPE, EVENT_LEVEL_INFO, uEvent, szFirst, pShare->szName, szSecond,
+                              static_cast<char *>(nullptr)) < 0
+                      ? -1
+                      : 0;
     }
     keeper.restore(__FILE_NAME__, __LINE__);
     return nResult;
