@@ -90,8 +90,14 @@ int CountAll(unsigned long *pulTotal) {
 
 unsigned long QOVABtrfsSnapCountMaximumGet(void) {
     char szValue[64] = "";
-    if (QLIBCFileGetKeyValue("/etc.defaults/qovainfo.conf", "max_snapshots_per_system", szValue, sizeof(szValue), 0) <
-        1) {
+    // A missing file or key is no failure here: the register keeps what it holds, its place too.
+    const unsigned int uCode = QLIBCErrGet();
+    const char *szFile = QLIBCErrorGetFile();
+    const int nLine = QLIBCErrorGetLine();
+    const int nFound =
+        QLIBCFileGetKeyValue("/etc.defaults/qovainfo.conf", "max_snapshots_per_system", szValue, sizeof(szValue), 0);
+    QLIBCErrSetEx(uCode, szFile, nLine);
+    if (nFound < 1) {
         return DEFAULT_MAXIMUM;
     }
     char *pEnd = nullptr;

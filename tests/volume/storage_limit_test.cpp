@@ -38,6 +38,17 @@ TEST_F(SystemLimit, ComesFromTheDefaultsFile) {
     EXPECT_EQ(65536UL, QOVABtrfsSnapCountMaximumGet());
 }
 
+TEST_F(SystemLimit, AKeyOrAFileThatIsAbsentIsNoFailure) {
+    storage::setCode(0x1500);
+    ASSERT_TRUE(testkit::writeFile("/etc.defaults/qovainfo.conf", "max_snapshots_per_share=5\n"));
+    EXPECT_EQ(65536UL, QOVABtrfsSnapCountMaximumGet());
+    EXPECT_EQ(0x1500u, QLIBCErrGet());
+    ASSERT_EQ(0, unlink("/etc.defaults/qovainfo.conf"));
+    EXPECT_EQ(0, QOVABtrfsSnapCountReachMaxCheck());
+    EXPECT_EQ(0x1500u, QLIBCErrGet());
+    EXPECT_STREQ("test", QLIBCErrorGetFile());
+}
+
 TEST_F(SystemLimit, IsReachedByTheSumOfAllSharesOfAVolume) {
     EXPECT_EQ(0, QOVABtrfsSnapCountReachMaxCheck());
     setCounter("/vol1/@sharesnap/docs", "6");
