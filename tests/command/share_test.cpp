@@ -157,8 +157,46 @@ TEST_F(ShareVerb, RemoveRefusesWhileAListOfSnapshotsStands) {
     EXPECT_FALSE(testkit::exists("/vol1/@sharesnap/@docs.meta"));
 }
 
+TEST_F(ShareVerb, RenameTakesEverythingAlong) {
+    ASSERT_TRUE(testkit::writeFile("/vol1/docs/file", "kept"));
+    ASSERT_TRUE(ends(sharesnap({"conf", "set", "docs", "schedule_task_id", "17"}), done));
+    const std::string name = take({"--desc", "from before"});
+    ASSERT_TRUE(ends(sharesnap({"hold", "add", "docs", name, "backup"}), done));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "papers"}), done));
+    EXPECT_EQ(nullptr, testkit::getShare("docs"));
+    EXPECT_STREQ("/vol1/papers", testkit::getShare("papers")->szPath);
+    EXPECT_EQ("kept", testkit::readFile("/vol1/papers/file"));
+    EXPECT_EQ("from before\n", sharesnap({"attr", "get", "papers", name, "desc"}).output);
+    EXPECT_EQ("kept", testkit::readFile(snapshotPath(name, "papers") + "/file"));
+    EXPECT_EQ("17\n", sharesnap({"conf", "get", "papers", "schedule_task_id"}).output);
+    EXPECT_EQ(1, document({"count", "papers"})["shares"]["papers"]);
+    EXPECT_TRUE(ends(sharesnap({"delete", "papers", name}), refused)) << "it is still held";
+    EXPECT_FALSE(testkit::exists("/vol1/docs"));
+}
+
+TEST_F(ShareVerb, RenameRefusesWhatIsTaken) {
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "music", "/vol1/music"}), done));
+    ASSERT_EQ(0, mkdir("/vol1/blocked", 0755));
+    EXPECT_TRUE(ends(sharesnap({"share", "rename", "docs", "music"}), refused));
+    EXPECT_TRUE(ends(sharesnap({"share", "rename", "docs", "blocked"}), refused));
+    EXPECT_TRUE(ends(sharesnap({"share", "rename", "docs", "a/b"}), usage));
+    EXPECT_STREQ("/vol1/docs", testkit::getShare("docs")->szPath);
+}
+
+TEST_F(ShareVerb, RenameRefusesANameThatHasSnapshots) {
+    const std::string name = take();
+    writeList("[GMT-2015.01.01-00.00.00]\nhide=false\n", "papers");
+    const auto result = sharesnap({"share", "rename", "docs", "papers"});
+    EXPECT_TRUE(ends(result, refused));
+    EXPECT_TRUE(says(result, {"\"docs\"", "\"papers\"", "SNAP_ERR_ALREADY_EXISTS"}));
+    EXPECT_EQ(nullptr, testkit::getShare("papers"));
+    EXPECT_STREQ("/vol1/docs", testkit::getShare("docs")->szPath);
+    EXPECT_THAT(listed(), ElementsAre(name));
+}
+
 TEST_F(ShareVerb, UnknownShareIsNamed) {
-    for (const Arguments &arguments : {Arguments{"share", "show", "nope"}, {"share", "remove", "nope"}}) {
+    for (const Arguments &arguments :
+         {Arguments{"share", "show", "nope"}, {"share", "remove", "nope"}, {"share", "rename", "nope", "other"}}) {
         const auto result = sharesnap(arguments);
         EXPECT_TRUE(ends(result, notFound));
         EXPECT_TRUE(says(result, {"no share \"nope\"", "sharesnap share list"}));

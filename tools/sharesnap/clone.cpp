@@ -5,13 +5,10 @@
 #include "text.h"
 #include "verbs.h"
 
-#include <sharesnap/frame.h>
 #include <sharesnap/lifecycle.h>
-#include <sharesnap/platform/error.h>
 #include <sharesnap/platform/share_admin.h>
 
 #include <memory>
-#include <sys/stat.h>
 
 namespace command {
 namespace {
@@ -22,22 +19,7 @@ struct CloneArguments {
     std::string snapshot;
 };
 
-void requireNothingAt(const std::string &path, const std::string &what) {
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) == 0) {
-        throw Failure(exitRefused, what + ": something stands at " + printable(path) + " already",
-                      "choose another name, or move it away");
-    }
-}
-
-void requireStandingSnapshot(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
-    (void)requireSnapshot(share, snapshot); // its attributes aren't wanted, its absence is
-    char path[4096] = "";
-    if (QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)) != 1) {
-        throw Failure(exitNotFound, what + ": snapshot " + quoted(snapshot) + " is not at " + printable(path),
-                      "`sharesnap sync " + printable(share.szName) + "` takes it from the list");
-    }
-}
+constexpr char elsewhere[] = "choose another name, or move it away";
 
 // Everything is as in the share it comes from but for name and path.
 QOVASHARE cloneRecord(const QOVASHARE &share, std::string &name, std::string &path) {
@@ -57,11 +39,11 @@ int cloneShare(const CloneArguments &arguments) {
     std::string name = arguments.newName;
     std::string path = volumeOf(*share, "can't clone") + "/" + name;
     const QOVASHARE record = cloneRecord(*share, name, path);
-    requireNothingAt(path, what);
-    requireNothingAt(dataPath(record), what);
+    requireNothingAt(path, what, elsewhere);
+    requireNothingAt(dataPath(record), what, elsewhere);
     const char *snapshot = nullptr;
     if (!arguments.snapshot.empty()) {
-        requireStandingSnapshot(*share, arguments.snapshot, what);
+        (void)requireSnapshotPath(*share, arguments.snapshot, what); // only that it stands
         snapshot = arguments.snapshot.c_str();
     }
     // Plug-ins that are told of the clone find its record.

@@ -6,7 +6,6 @@
 #include <sharesnap/counters.h>
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/platform/subvolume.h>
-#include <sharesnap/platform/volume.h>
 
 #include <memory>
 
@@ -25,11 +24,6 @@ int countOf(const QOVASHARE &share, bool sync) {
         throw libraryFailure("can't count the snapshots of " + named(share), share, causeNow());
     }
     return count;
-}
-
-bool onBtrfs(const QOVASHARE &share) {
-    char volume[4096] = "";
-    return QOVAShareVolPathGet(share.szPath, volume, sizeof(volume)) >= 0 && QOVAGetFSType(volume, 0) == FS_TYPE_BTRFS;
 }
 
 int printCounts(const std::vector<std::pair<std::string, int>> &counts, bool total, const OutputForm &form) {

@@ -5,7 +5,6 @@
 
 #include <sharesnap/config.h>
 #include <sharesnap/frame.h>
-#include <sharesnap/platform/error.h>
 
 #include <cstdlib>
 #include <memory>

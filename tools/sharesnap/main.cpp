@@ -10,7 +10,7 @@
 namespace {
 
 constexpr command::VerbEntry verbs[] = {
-    {"share", "List, show, add and remove shares", command::fillShare},
+    {"share", "List, show, add, rename and remove shares", command::fillShare},
     {"create", "Take a snapshot of a share and print its name", command::fillCreate},
     {"list,ls", "List the snapshots of a share, oldest first", command::fillList},
     {"show", "Show one snapshot: path, attributes, who holds it", command::fillShow},

@@ -114,6 +114,12 @@ void fillShare(Verb &group) {
     remove.takes("SHARE", removal->name, "Name of the share")
         .flag("--clean", removal->clean, "Remove the empty list of snapshots and the empty snapshot directory, too")
         .runs([removal] { return removeShare(*removal); });
+
+    auto renaming = std::make_shared<ShareRenaming>();
+    Verb rename = group.add("rename,mv", "Give a share another name, and its snapshots with it");
+    rename.takes("SHARE", renaming->name, "Its name until now")
+        .takes("NEW", renaming->newName, "Its new name")
+        .runs([renaming] { return renameShare(*renaming); });
 }
 
 } // namespace command

@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 namespace command {
 namespace {
@@ -87,16 +86,8 @@ void checkPlace(const ShareAddition &addition, const std::string &what) {
     }
 }
 
-void requireNothingAt(const std::string &path, const std::string &what) {
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) == 0) {
-        throw Failure(exitRefused, what + ": something stands at " + printable(path) + " already",
-                      "if it is the share's subvolume, add --existing");
-    }
-}
-
 void makeSubvolume(const QOVASHARE &share, const std::string &what) {
-    requireNothingAt(share.szPath, what);
+    requireNothingAt(share.szPath, what, "if it is the share's subvolume, add --existing");
     forgetCause();
     if (QOVAShareSnapShareCreate(share.szPath) != 0) {
         throw libraryFailure(what + " (" + printable(share.szPath) + ")", share, causeNow());
@@ -170,10 +161,6 @@ void checkLeftovers(const QOVASHARE &share, const ShareRemoval &removal, const s
     }
 }
 
-bool onBtrfs(const std::string &volume) {
-    return QOVAGetFSType(volume.c_str(), 0) == FS_TYPE_BTRFS;
-}
-
 } // namespace
 
 void checkShareName(const std::string &name) {
@@ -235,8 +222,8 @@ int removeShare(const ShareRemoval &removal) {
     requireRoot("can't remove share " + quoted(removal.name));
     const Share share = requireShare(removal.name);
     const std::string what = "can't remove " + named(*share);
-    const std::string volume = volumeOf(*share, "can't remove");
-    if (onBtrfs(volume)) {
+    (void)volumeOf(*share, "can't remove"); // only that it is mounted: else nobody knows what it holds
+    if (onBtrfs(*share)) {
         checkLeftovers(*share, removal, what);
     }
     forgetCause();

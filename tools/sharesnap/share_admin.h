@@ -1,4 +1,4 @@
-// Adding shares and taking them away.
+// Adding shares, renaming them and taking them away.
 #pragma once
 
 #include <string>
@@ -18,9 +18,15 @@ struct ShareRemoval {
     bool clean = false;
 };
 
-// Both give the exit status, or throw a Failure that has changed nothing.
+struct ShareRenaming {
+    std::string name;
+    std::string newName;
+};
+
+// They give the exit status, or throw a Failure that has changed nothing, or (exitInPart) says what it has changed.
 [[nodiscard]] int addShare(const ShareAddition &addition);
 [[nodiscard]] int removeShare(const ShareRemoval &removal);
+[[nodiscard]] int renameShare(const ShareRenaming &renaming);
 
 // Throws a Failure (usage) for what can't be the name of a share.
 void checkShareName(const std::string &name);

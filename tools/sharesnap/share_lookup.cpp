@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace command {
@@ -167,6 +168,29 @@ Hash requireSnapshot(const QOVASHARE &share, const std::string &snapshot) {
                       "`sharesnap list " + printable(share.szName) + " --hidden` shows those it has");
     }
     return pairs;
+}
+
+std::string requireSnapshotPath(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
+    (void)requireSnapshot(share, snapshot); // its attributes aren't wanted, its absence is
+    char path[pathSize] = "";
+    if (QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)) != 1) {
+        throw Failure(exitNotFound,
+                      what + ": snapshot " + quoted(snapshot) + " of " + named(share) + " is not at " + printable(path),
+                      "`sharesnap sync " + printable(share.szName) + "` takes it from the list");
+    }
+    return path;
+}
+
+void requireNothingAt(const std::string &path, const std::string &what, const std::string &next) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0) {
+        throw Failure(exitRefused, what + ": something stands at " + printable(path) + " already", next);
+    }
+}
+
+bool onBtrfs(const QOVASHARE &share) {
+    char volume[pathSize] = "";
+    return QOVAShareVolPathGet(share.szPath, volume, sizeof(volume)) >= 0 && QOVAGetFSType(volume, 0) == FS_TYPE_BTRFS;
 }
 
 void checkKey(const std::string &key) {

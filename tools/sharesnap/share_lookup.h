@@ -22,6 +22,10 @@ namespace command {
 [[nodiscard]] Hash requireSnapshot(const QOVASHARE &share, const std::string &snapshot);
 [[nodiscard]] bool hasSnapshot(const QOVASHARE &share, const std::string &snapshot);
 
+// Path of a snapshot that stands in the list and on the volume. Throws a Failure when either is missing.
+[[nodiscard]] std::string requireSnapshotPath(const QOVASHARE &share, const std::string &snapshot,
+                                              const std::string &what);
+
 // Mount path of the share's volume. Throws a Failure when it isn't mounted.
 [[nodiscard]] std::string volumeOf(const QOVASHARE &share, const std::string &what);
 // The same for a path that no record has yet.
@@ -32,6 +36,12 @@ namespace command {
 
 // Throws a Failure unless the share's data are a subvolume.
 void requireDataSubvolume(const QOVASHARE &share, const std::string &what);
+
+// Throws a Failure (refused), with what to do next, when anything stands at the path.
+void requireNothingAt(const std::string &path, const std::string &what, const std::string &next);
+
+// True when the share's volume is mounted and Btrfs.
+[[nodiscard]] bool onBtrfs(const QOVASHARE &share);
 
 [[nodiscard]] bool isEncrypted(const QOVASHARE &share);
 

@@ -1,10 +1,8 @@
 // sharesnap size: how much a snapshot holds, as a stream of it would take.
 #include "failure.h"
 #include "share_lookup.h"
-#include "text.h"
 #include "verbs.h"
 
-#include <sharesnap/frame.h>
 #include <sharesnap/lifecycle.h>
 
 #include <memory>
@@ -18,28 +16,17 @@ struct SizeArguments {
     std::string parent;
 };
 
-std::string pathOf(const QOVASHARE &share, const std::string &snapshot) {
-    (void)requireSnapshot(share, snapshot); // its attributes aren't wanted, its absence is
-    char path[4096] = "";
-    if (QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)) != 1) {
-        throw Failure(exitNotFound,
-                      "snapshot " + quoted(snapshot) + " of " + named(share) + " is not at " + printable(path),
-                      "`sharesnap sync " + printable(share.szName) + "` takes it from the list");
-    }
-    return path;
-}
-
 int estimateSize(const SizeArguments &arguments, const OutputForm &form) {
     requireRoot("can't tell the size of a snapshot of share " + quoted(arguments.share));
     const Share share = requireBtrfsShare(arguments.share, "can't tell the size of a snapshot of");
-    const List paths = listOf({pathOf(*share, arguments.snapshot)});
-    const std::string parent = arguments.parent.empty() ? "" : pathOf(*share, arguments.parent);
+    const std::string what = "can't tell the size of snapshot " + quoted(arguments.snapshot);
+    const List paths = listOf({requireSnapshotPath(*share, arguments.snapshot, what)});
+    const std::string parent = arguments.parent.empty() ? "" : requireSnapshotPath(*share, arguments.parent, what);
     uint64_t size = 0;
     forgetCause();
     if (QOVAShareSnapCalculateTotalSize(paths.get(), nullptr, parent.empty() ? nullptr : parent.c_str(), &size,
                                         nullptr) != 0) {
-        throw libraryFailure("can't tell the size of snapshot " + quoted(arguments.snapshot) + " of " + named(*share),
-                             *share, causeNow());
+        throw libraryFailure(what + " of " + named(*share), *share, causeNow());
     }
     if (form.json) {
         Json document = newDocument();

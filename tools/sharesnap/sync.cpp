@@ -7,7 +7,6 @@
 #include "verbs.h"
 
 #include <sharesnap/metadata.h>
-#include <sharesnap/platform/volume.h>
 
 #include <algorithm>
 #include <memory>
@@ -109,17 +108,11 @@ void syncOne(const std::string &name, bool dryRun, Report &report) {
     addToReport(report, name, before, dryRun);
 }
 
-bool onBtrfs(const std::string &name) {
-    const Share share = requireShare(name);
-    char volume[4096] = "";
-    return QOVAShareVolPathGet(share->szPath, volume, sizeof(volume)) >= 0 && QOVAGetFSType(volume, 0) == FS_TYPE_BTRFS;
-}
-
 void syncAll(const SyncArguments &arguments, Report &report) {
     Progress progress;
     for (const std::string &name : shareNames()) {
         try {
-            if (!onBtrfs(name)) {
+            if (!onBtrfs(*requireShare(name))) {
                 continue;
             }
             progress.show("share " + printable(name));
