@@ -148,7 +148,8 @@ SHARESNAP_API int BtrfsSubvolNoLoadUsrQuotaAttrSet(const char *szPath, int blSet
    0; -1: 0x0D00 null buffer, 0x2A00 a time without a date. Needs no privilege. */
 SHARESNAP_API int SnapNameGenerateByTime(char *szName, size_t cbName, time_t tTime, unsigned int blLocal);
 
-/* Reads the time in a snapshot's name of any form. Behind the UTC form more text may follow.
+/* Reads the time in a snapshot's name of any form. Behind the UTC form any text may follow; a local form is told by the
+   length of the whole name.
    szName   the name
    ptTime   receives seconds since 1970
    0; -1: 0x0D00 a null argument, 0x2A00 no name of a snapshot. Needs no privilege. */
@@ -166,8 +167,8 @@ typedef struct TimeLimitTask {
    pTimeLimitTask   the task
    pFuncRet         receives its result as a byte, 0 to 255 (-1 arrives as 255); left alone when the child ended by a
                     signal
-   0 the child ended by itself; -1 with 0x2E00: the limit passed and the child got SIGTERM; -1 with 0x0D00 or 0x2A00: it
-   couldn't be run or waited for.
+   0 the child ended by itself; -1 with 0x2E00: the limit passed and the child got SIGTERM; -1 with 0x0D00, 0x0200 or
+   0x2A00: it couldn't be run or waited for.
    Waits for the child's end, behind the limit too when it ignores SIGTERM; any signal that the process handles while it
    waits ends the limit. Installs a handler of SIGUSR1 and leaves it. One call at a time in a process. Needs no privilege. */
 SHARESNAP_API int ShareSnapTimeLimitFork(unsigned long ulSecTimeout, const TimeLimitTask *pTimeLimitTask,

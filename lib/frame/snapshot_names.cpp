@@ -101,8 +101,7 @@ int QOVAShareSnapTimeGet(const char *szName, time_t *ptTime) {
         return InvalidName(szName);
     }
     fields = {};
-    const char *szEnd = strptime(szDate, "-%Y.%m.%d-%H.%M.%S", &fields);
-    if (szEnd == nullptr || *szEnd != '\0') {
+    if (strptime(szDate, "-%Y.%m.%d-%H.%M.%S", &fields) == nullptr) {
         return InvalidName(szName);
     }
     *ptTime = timegm(&fields);

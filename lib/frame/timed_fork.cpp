@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <memory>
 #include <new>
-#include <vector>
 
 #include "frame/log.h"
 #include "frame/owners.h"
@@ -92,14 +92,14 @@ pid_t Reap(pid_t pid, int *pnStatus) {
 class ReadySet {
 public:
     explicit ReadySet(int nHighest) : nHighest_(nHighest) {
-        if (nHighest >= FD_SETSIZE) {
-            row_.resize(static_cast<size_t>(nHighest / FD_SETSIZE) + 1);
-        }
-        for (fd_set &set : row_) {
-            FD_ZERO(&set);
-        }
         FD_ZERO(&single_);
+        if (nHighest >= FD_SETSIZE) {
+            // All bits are 0, which is what FD_ZERO does.
+            row_.reset(new (std::nothrow) fd_set[static_cast<size_t>(nHighest / FD_SETSIZE) + 1]());
+        }
     }
+    // False when there is no memory for the row.
+    [[nodiscard]] bool hasRoom() const { return nHighest_ < FD_SETSIZE || row_ != nullptr; }
     void add(int nFd) { FD_SET(nFd % FD_SETSIZE, first() + nFd / FD_SETSIZE); }
     [[nodiscard]] int wait(unsigned long ulSeconds) {
         struct timeval left = {static_cast<time_t>(ulSeconds), 0};
@@ -107,10 +107,10 @@ public:
     }
 
 private:
-    fd_set *first() { return row_.empty() ? &single_ : row_.data(); }
+    fd_set *first() { return row_ == nullptr ? &single_ : row_.get(); }
 
     fd_set single_;
-    std::vector<fd_set> row_;
+    std::unique_ptr<fd_set[]> row_;
     int nHighest_;
 };
 
@@ -146,16 +146,6 @@ private:
     int fds_[2] = {-1, -1};
 };
 
-// Ends by the child's byte, by the child's end or by the limit.
-int WaitForEnd(unsigned long ulSecTimeout, const ChildLife &life) {
-    ReadySet ready(std::max(gPipeFd[0], life.descriptor()));
-    ready.add(gPipeFd[0]);
-    if (life.descriptor() >= 0) {
-        ready.add(life.descriptor());
-    }
-    return ready.wait(ulSecTimeout);
-}
-
 // The limit has passed: SIGTERM, and SIGKILL only when that can't be sent.
 int EndOverrun(pid_t pid) {
     if (ForkedChildKill(pid, SIGTERM) < 0) {
@@ -172,7 +162,8 @@ int EndOverrun(pid_t pid) {
     return -1;
 }
 
-int ForkedChildWait(unsigned long ulSecTimeout, pid_t pid, const ChildLife &life, int *pRetChild) {
+// The set becomes ready by the child's byte or by the child's end.
+int ForkedChildWait(unsigned long ulSecTimeout, pid_t pid, ReadySet &ready, int *pRetChild) {
     if (ulSecTimeout == 0) {
         return SNAP_BAD_ARGUMENT("0 < ulSecTimeout");
     }
@@ -182,7 +173,7 @@ int ForkedChildWait(unsigned long ulSecTimeout, pid_t pid, const ChildLife &life
     if (pRetChild == nullptr) {
         return SNAP_BAD_ARGUMENT("NULL != retChild");
     }
-    const int nReady = WaitForEnd(ulSecTimeout, life);
+    const int nReady = ready.wait(ulSecTimeout);
     if (nReady == 0) {
         return EndOverrun(pid);
     }
@@ -241,6 +232,16 @@ int RunForked(unsigned long ulSecTimeout, const TimeLimitTask *pTask, int *pFunc
         return -1;
     }
     ChildLife life;
+    // Before there is a child, so that what fails here leaves none.
+    ReadySet ready(std::max(gPipeFd[0], life.descriptor()));
+    if (!ready.hasRoom()) {
+        SNAP_SET_ERR(SNAP_ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    ready.add(gPipeFd[0]);
+    if (life.descriptor() >= 0) {
+        ready.add(life.descriptor());
+    }
     const pid_t child = fork();
     if (child == 0) {
         RunChild(parent, pTask);
@@ -251,7 +252,7 @@ int RunForked(unsigned long ulSecTimeout, const TimeLimitTask *pTask, int *pFunc
         return -1;
     }
     life.letGo();
-    if (ForkedChildWait(ulSecTimeout, child, life, pFuncRet) < 0) {
+    if (ForkedChildWait(ulSecTimeout, child, ready, pFuncRet) < 0) {
         if (QLIBCErrGet() != SNAP_ERR_TIME_LIMIT) {
             SNAP_SET_ERR(SNAP_ERR_OPERATION_FAILED);
         }

@@ -119,6 +119,23 @@ TEST_F(Attr, HideMustBeExactlyTrueOrFalse) {
     }
 }
 
+TEST_F(Attr, ABadHideLeavesTheMarkOfTheSubvolume) {
+    takeSubvolume("a", true);
+    takeSubvolume("b", false);
+    writeMeta("[a]\nhide=true\n[b]\nhide=false\n");
+    const testkit::CallCount marks("QOVABtrfsSubvolHideAttrSet");
+    for (const char *name : {"a", "b"}) {
+        for (const char *value : {"TRUE", "FALSE"}) {
+            EXPECT_EQ(-1, set("hide", value, name));
+            EXPECT_EQ(0, setAll({{"hide", value}}, name));
+        }
+    }
+    EXPECT_EQ(0u, marks.calls());
+    EXPECT_EQ("true", markOf("a"));
+    EXPECT_EQ("false", markOf("b"));
+    EXPECT_EQ("[a]\nhide=true\n[b]\nhide=false\n", meta());
+}
+
 TEST_F(Attr, ABadHideStillMakesTheFile) {
     EXPECT_EQ(-1, set("hide", "TRUE"));
     EXPECT_TRUE(testkit::exists(metaPath));

@@ -78,11 +78,17 @@ TEST_F(NameForm, TakesAnOffsetOutOfRangeAsItStands) {
     EXPECT_EQ(instant - 99 * 3600, timeOf("GMT+99-2026.01.02-03.04.05"));
 }
 
-TEST_F(NameForm, AcceptsTrailingTextInTheUtcFormAlone) {
+TEST_F(NameForm, AcceptsAnyTrailingTextInTheUtcFormAlone) {
     EXPECT_EQ(instant, timeOf("GMT-2026.01.02-03.04.05.bak"));
     EXPECT_EQ(-1, timeOf("GMT+08-2026.01.02-11.04.05.bak"));
     EXPECT_EQ(-1, timeOf("GMT+0530-2026.01.02-08.34.05.bak"));
-    EXPECT_EQ(-1, timeOf("GMT+08-2026.1.2-3.4.5.bakk")); // as long as a good one
+}
+
+TEST_F(NameForm, OfALocalNameTheLengthCountsAndNotItsDigits) {
+    EXPECT_EQ(instant - 8 * 3600, timeOf("GMT+08-2026.1.2-3.4.5.bakk"));
+    EXPECT_EQ(instant - (5 * 3600 + 30 * 60), timeOf("GMT+0530-2026.1.2-3.4.5.bakk"));
+    EXPECT_EQ(-1, timeOf("GMT+08-2026.1.2-3.4.5"));
+    EXPECT_EQ(-1, timeOf("GMT+08-2026.1.2-3.4.bakkkk"));
 }
 
 TEST_F(NameForm, ForeignNamesAreInvalidAndSaidAtDebugLevel) {

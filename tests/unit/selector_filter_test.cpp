@@ -233,6 +233,16 @@ TEST_F(SelectorListing, OnlyTheVisibleOnes) {
     EXPECT_EQ((std::vector<std::string>{"a", "d"}), listed(chain.get()));
 }
 
+TEST_F(SelectorListing, NamesWithoutATimeAreSkippedByTimeAndFailNothing) {
+    writeMeta("[GMT-2026.01.02-03.04.05]\nk=v\n[before the upgrade]\nk=v\n[GMT-odd]\nk=v\n"
+              "[GMT+08-2026.01.02-11.04.05]\nk=v\n[GMT-2026.01.02-03.04.04]\nk=v\n");
+    testkit::logClear();
+    Chain chain;
+    ASSERT_EQ(0, chain.add(QOVAShareSnapTimeSelector, ">=GMT-2026.01.02-03.04.05"));
+    EXPECT_EQ((std::vector<std::string>{"GMT-2026.01.02-03.04.05", "GMT+08-2026.01.02-11.04.05"}), listed(chain.get()));
+    EXPECT_TRUE(testkit::nothingFailed());
+}
+
 TEST_F(SelectorListing, AllSelectorsMustAgree) {
     Chain chain;
     ASSERT_EQ(0, chain.add(QOVAShareSnapAttrSelector, "!hide==true"));
