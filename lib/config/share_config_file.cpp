@@ -101,10 +101,16 @@ int ShareConfigDirGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
     if (nExist == 1 || blCreate == 0) {
         return nExist;
     }
-    if (mkdir(szPath, 0644) < 0 && errno != EEXIST) {
-        SNAP_LOG(LOG_ERR, "Failed to mkdir [%s], errno=%d/%m\n", szPath, errno);
-        SNAP_SET_ERR(SNAP_ERR_CREATE_FAILED);
-        return 0;
+    if (mkdir(szPath, 0644) < 0) {
+        if (errno != EEXIST) {
+            SNAP_LOG(LOG_ERR, "Failed to mkdir [%s], errno=%d/%m\n", szPath, errno);
+            SNAP_SET_ERR(SNAP_ERR_CREATE_FAILED);
+            return 0;
+        }
+        if (CheckDir(szPath) < 0) { // what was put there meanwhile is of the wrong type, too
+            SNAP_SET_ERR(SNAP_ERR_BAD_FILE_TYPE);
+            return -1;
+        }
     }
     (void)lchown(szPath, 0, 0); // root makes it as a rule; a link planted meanwhile isn't followed
     return 1;

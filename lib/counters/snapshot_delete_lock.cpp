@@ -141,12 +141,16 @@ void Unlock(const QOVASHARE *pShare, int nFd) {
     }
 }
 
+[[nodiscard]] bool HasName(const QOVASHARE *pShare) {
+    return pShare != nullptr && pShare->szName != nullptr;
+}
+
 enum class Change { kIncrement, kDecrement, kRemove };
 
 uint32_t Apply(Change change, uint32_t uCount) {
     switch (change) {
     case Change::kIncrement:
-        return uCount + 1;
+        return uCount == UINT32_MAX ? uCount : uCount + 1; // a count of 0 would be no claim
     case Change::kDecrement:
         return uCount == 0 ? 0 : uCount - 1;
     case Change::kRemove:
@@ -171,7 +175,7 @@ int ChangeLocked(const QOVASHARE *pShare, const char *szSnapshot, const char *sz
 }
 
 int ChangeClaim(const QOVASHARE *pShare, const char *szSnapshot, const char *szInitiator, Change change) {
-    if (pShare == nullptr || szSnapshot == nullptr || szInitiator == nullptr) {
+    if (!HasName(pShare) || szSnapshot == nullptr || szInitiator == nullptr) {
         SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
         return -1;
     }
@@ -224,7 +228,7 @@ int QOVAShareSnapSysLockRemove(const QOVASHARE *pShare, const char *szSnapshot, 
 
 int QOVAShareSnapSysLockGet(const QOVASHARE *pShare, const char *szSnapshot, const char *szInitiator,
                             uint32_t *pCount) {
-    if (pShare == nullptr || szSnapshot == nullptr || szInitiator == nullptr || pCount == nullptr) {
+    if (!HasName(pShare) || szSnapshot == nullptr || szInitiator == nullptr || pCount == nullptr) {
         SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
         return -1;
     }
@@ -243,7 +247,7 @@ int QOVAShareSnapSysLockGet(const QOVASHARE *pShare, const char *szSnapshot, con
 }
 
 int QOVAShareSnapSysLockInitiatorList(const QOVASHARE *pShare, const char *szSnapshot, QLIBCSZLIST **pList) {
-    if (pShare == nullptr || szSnapshot == nullptr || pList == nullptr) {
+    if (!HasName(pShare) || szSnapshot == nullptr || pList == nullptr) {
         SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
         return -1;
     }

@@ -7,6 +7,9 @@
 #include <sharesnap/platform/volume.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -65,7 +68,13 @@ private:
     int nFd_ = -1;
 };
 
-// Takes the lock or gives null arguments back as a failure with their code.
+// A sum within an int. A stored value can be anything: it must not wrap round and so change its sign.
+int Add(int nCount, int nDelta) {
+    const int64_t nSum = int64_t{nCount} + nDelta;
+    return static_cast<int>(std::clamp<int64_t>(nSum, INT_MIN, INT_MAX));
+}
+
+// Null arguments are a failure with their code.
 bool HasShare(const QOVASHARE *pShare) {
     if (pShare == nullptr || pShare->szName == nullptr) {
         SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
@@ -156,7 +165,7 @@ int AddShareToTotal(const char *szName, int blSync, int *pTotal) {
         SNAP_LOG(LOG_ERR, "Failed to get snapshot count of [%s]", szName);
         return -1;
     }
-    *pTotal += nCount;
+    *pTotal = Add(*pTotal, nCount);
     return 0;
 }
 
@@ -197,7 +206,7 @@ int QOVAShareSnapUpdateSnapCountEx(const QOVASHARE *pShare, int nDelta, int blCr
     }
     // A recount without blCreate holds the change already: the metadata was written first.
     if (nSource == 0 || blCreate != 0) {
-        nCount += nDelta;
+        nCount = Add(nCount, nDelta);
     }
     if (nCount < 0) {
         SNAP_LOG(LOG_ERR, "Share snapcount [%d] of share [%s] should not less than zero, autofix it to [0]", nCount,

@@ -3,6 +3,9 @@
 #include <sharesnap/platform/error.h>
 #include <syslog.h>
 
+// Boost 1.74's unordered containers use it without including it.
+#include <boost/serialization/library_version_type.hpp>
+
 #include <boost/serialization/unordered_map.hpp>
 #include <boost/serialization/unordered_set.hpp>
 #include <fstream>

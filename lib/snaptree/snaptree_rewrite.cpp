@@ -300,7 +300,10 @@ void SnapTree::deleteClone(const nodeName &clone) {
 void SnapTree::deleteAllSnapshot(ObjectNode &object) {
     const nodeName name = object.name();
     for (const nodeName &snap : object.listSnapshots()) {
-        (void)deleteObjectSnap(name, snap); // a snapshot that can't go doesn't keep the others
+        // A snapshot of nobody, as a damaged file can have it, would stand for the whole object.
+        if (!snap.objectName.empty()) {
+            (void)deleteObjectSnap(name, snap); // a snapshot that can't go doesn't keep the others
+        }
     }
 }
 
@@ -342,10 +345,11 @@ void SnapTree::replaceByChild(SnapshotNode &node) {
 
 namespace {
 
-// One node of the walk that prunes: its children as they stood when the walk came to it.
+// One node of the walk that prunes: the name that led to it, and its children as they stood when the walk came to it.
 struct PruneFrame {
-    explicit PruneFrame(BaseNode *pNode) : node(pNode), children(pNode->listChilds()) {}
+    PruneFrame(BaseNode *pNode, nodeName name) : node(pNode), link(std::move(name)), children(pNode->listChilds()) {}
     BaseNode *node;
+    nodeName link;
     std::list<nodeName> children;
 };
 
@@ -356,11 +360,12 @@ bool IsBareClonePoint(const BaseNode &node) {
 } // namespace
 
 // Children before parents, on a stack of its own: a chain of snapshots can be as long as memory allows. A node is
-// entered once, so a clone point that is its own descendant ends the walk there.
+// entered once, so a clone point that is its own descendant ends the walk there. What goes is what the link led to: in a
+// damaged tree a node's own name can be that of another one, on which the walk still stands.
 bool SnapTree::deleteUselessClone(BaseNode &node) {
     std::vector<PruneFrame> walk;
     std::unordered_set<const BaseNode *> entered{&node};
-    walk.emplace_back(&node);
+    walk.emplace_back(&node, node.name());
     for (;;) {
         PruneFrame &top = walk.back();
         if (!top.children.empty()) {
@@ -368,22 +373,22 @@ bool SnapTree::deleteUselessClone(BaseNode &node) {
             top.children.pop_front();
             BaseNode *found = child.type == NODE_OBJECT ? nullptr : getNode(child);
             if (found != nullptr && entered.insert(found).second) {
-                walk.emplace_back(found);
+                walk.emplace_back(found, child);
             }
             continue;
         }
-        const nodeName name = top.node->name();
+        const nodeName link = top.link;
         const bool gone = IsBareClonePoint(*top.node);
-        if (gone) {
+        if (gone && getClone(link) == top.node) {
             entered.erase(top.node);
-            deleteClone(name);
+            deleteClone(link);
         }
         walk.pop_back();
         if (walk.empty()) {
             return gone;
         }
         if (gone) {
-            walk.back().node->deleteChild(name);
+            walk.back().node->deleteChild(link);
         }
     }
 }

@@ -5,8 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/faults.hpp"
@@ -91,6 +93,11 @@ TEST_F(TreeFile, VolumeThatIsNotThereTakesNoLock) {
     EXPECT_EQ(-1, tree.loadByVolume("/vol9", true));
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Invalid volume path [/vol9]"));
     EXPECT_FALSE(testkit::exists("/run/lock/sharesnap"));
+    // The file that was set before is still the tree's.
+    tree.setTreeFile(kFile);
+    EXPECT_EQ(-1, tree.loadByVolume("/vol9", true));
+    EXPECT_TRUE(tree.save());
+    EXPECT_TRUE(testkit::exists(kFile));
 }
 
 TEST_F(TreeFile, VolumeWithoutATreeGivesAnEmptyOneWithTheLock) {
@@ -243,6 +250,41 @@ TEST_F(TreeFile, DanglingChildAndCircleEndEveryWalk) {
     }
 }
 
+// The version is a signed byte: from 128 on it tells an old file, too.
+TEST_F(TreeFile, VersionsOfTheUpperHalfCountAsOld) {
+    for (const auto &[name, old] :
+         {std::pair<const char *, bool>{"bad-version-127", false}, {"bad-version-200", true}}) {
+        place(fixture(name));
+        (void)unlink(kMark);
+        testkit::logClear();
+        SnapTree tree;
+        tree.setTreeFile(kFile);
+        EXPECT_FALSE(tree.load()) << name;
+        EXPECT_EQ(old ? 1u : 0u, testkit::logCount(LOG_ERR, "Fail to load old snaptree")) << name;
+    }
+}
+
+TEST_F(TreeFile, FileThatCannotBeOpenedIsMarked) {
+    SnapTree tree;
+    tree.setTreeFile(kFile);
+    EXPECT_FALSE(tree.load());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Fail to open snaptree"));
+    EXPECT_TRUE(testkit::exists(kMark));
+}
+
+TEST_F(TreeFile, FileThatCannotBeOpenedOnceMoreIsGoodAsItIs) {
+    place(fixture("old-v11-small"));
+    const testkit::Replacement<int(const char *, const char *)> vanish("rename", [](const char *, const char *to) {
+        return unlink(to); // what was converted and saved is gone when it is to be read again
+    });
+    SnapTree tree;
+    tree.setTreeFile(kFile);
+    EXPECT_TRUE(tree.load());
+    EXPECT_FALSE(testkit::exists(kFile));
+    EXPECT_FALSE(testkit::exists(kMark));
+    EXPECT_EQ("root\n  snap/a/s1\n    object/a\n", testkit::printedTree(tree));
+}
+
 TEST_F(TreeFile, MarkRefusesAPerfectFile) {
     place(fixture("example-486"));
     ASSERT_TRUE(testkit::writeFile(kMark, ""));
@@ -367,6 +409,9 @@ TEST_F(TreeFile, SearchGoesUpThroughTheParents) {
     ASSERT_EQ(0, tree.insertSnap(objectName("a"), snapName("a", "S1")));
     ASSERT_EQ(0, tree.insertObjectClone(objectName("a"), objectName("b")));
     ASSERT_EQ(0, tree.insertSnap(objectName("a"), snapName("a", "T")));
+    ASSERT_EQ(0, tree.insertObject(objectName("chain")));
+    ASSERT_EQ(0, tree.insertSnap(objectName("chain"), snapName("chain", "S1")));
+    ASSERT_EQ(0, tree.insertSnap(objectName("chain"), snapName("chain", "S2")));
     ASSERT_TRUE(tree.save());
 
     const auto sources = [](const std::string &object, const std::string &path) {
@@ -384,6 +429,8 @@ TEST_F(TreeFile, SearchGoesUpThroughTheParents) {
     EXPECT_EQ("snap/a/T snap/a/S1 ", sources("a", "/vol1/a"));
     EXPECT_EQ("snap/a/S1 ", sources("a", "/vol1/@sharesnap/a/T"));
     EXPECT_EQ("", sources("a", "/vol1/@sharesnap/a/S1"));
+    EXPECT_EQ("snap/chain/S2 snap/chain/S1 ", sources("chain", "/vol1/chain"));
+    EXPECT_EQ("snap/chain/S1 ", sources("chain", "/vol1/@sharesnap/chain/S2/"));
     SnapTree reader;
     std::vector<nodeName> result;
     EXPECT_EQ(-1, reader.findCloneSrcSnap("/vol1", "a", "/vol1/@sharesnap/a/absent", result));
@@ -408,7 +455,7 @@ TEST_F(TreeFile, SearchStopsAfterTheNearest256) {
 }
 
 TEST_F(TreeFile, TwoProcessesLoseNoInsertion) {
-    constexpr int kSnaps = 60;
+    const int kSnaps = std::getenv("SHARESNAP_LONG") == nullptr ? 60 : 500;
     SnapTree tree;
     ASSERT_EQ(0, tree.loadByVolume("/vol1", true));
     ASSERT_EQ(0, tree.insertObject(objectName("a")));
@@ -437,8 +484,8 @@ TEST_F(TreeFile, TwoProcessesLoseNoInsertion) {
     }
     SnapTree reader;
     ASSERT_EQ(0, reader.loadByVolume("/vol1", false));
-    EXPECT_EQ(size_t{kSnaps}, reader.getObject(objectName("a"))->listSnapshots().size());
-    EXPECT_EQ(size_t{kSnaps}, reader.getObject(objectName("b"))->listSnapshots().size());
+    EXPECT_EQ(static_cast<size_t>(kSnaps), reader.getObject(objectName("a"))->listSnapshots().size());
+    EXPECT_EQ(static_cast<size_t>(kSnaps), reader.getObject(objectName("b"))->listSnapshots().size());
     reader.freeLock();
 }
 

@@ -2,6 +2,7 @@
 #include <sharesnap/snaptree.hpp>
 #include <sys/resource.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <string>
@@ -139,8 +140,12 @@ TEST_F(TreeRewrite, CloneNamesAreDrawnUntilOneIsFree) {
     const nodeName first = tree.getNewCloneName();
     EXPECT_EQ(nameText(first), nameText(tree.getNewCloneName())); // nothing was stored: the same draw again
     EXPECT_LT(std::stol(first.cloneName), 4194304);
+    std::srand(1700000000); // the second is the seed
+    EXPECT_EQ(std::to_string(std::rand() % 4194304), first.cloneName);
+    const std::string next = std::to_string(std::rand() % 4194304);
     tree.addClone(ClonePointNode(first, rootName()));
     const nodeName second = tree.getNewCloneName();
+    EXPECT_EQ(next, second.cloneName);
     EXPECT_NE(first.cloneName, second.cloneName);
     EXPECT_EQ(std::to_string(std::stol(second.cloneName)), second.cloneName);
 }
@@ -182,6 +187,22 @@ TEST_F(TreeRewrite, ChildOfTheFutureIsNoCandidate) {
     ASSERT_EQ(0, tree.insertSnapClone(objectName("a"), snapName("a", "GMT-2023.01.01-00.00.00"), objectName("b")));
     ASSERT_EQ(0, tree.deleteObjectSnap(objectName("a"), snapName("a", "GMT-2023.01.01-00.00.00")));
     EXPECT_EQ((Names{std::string("snap/a/") + kS1, "object/b"}), children(rootName()));
+}
+
+TEST_F(TreeRewrite, OfEquallyOldChildrenTheFirstInSetOrderClimbs) {
+    chain("a", {kS1, kS2});
+    for (const std::string object : {"b", "c", "d"}) {
+        ASSERT_EQ(0, tree.insertSnapClone(objectName("a"), snapName("a", kS1), objectName(object)));
+        ASSERT_EQ(0, tree.insertSnap(objectName(object), snapName(object, kS2)));
+    }
+    const auto children = tree.getNode(snapName("a", kS1))->listChilds();
+    ASSERT_EQ(4u, children.size());
+    const nodeName first = children.front();
+    ASSERT_EQ(0, tree.deleteObjectSnap(objectName("a"), snapName("a", kS1)));
+    EXPECT_EQ(Names{nameText(first)}, this->children(rootName()));
+    for (const nodeName &child : children) {
+        EXPECT_EQ(nameText(child) == nameText(first) ? "root" : nameText(first), parentOf(child));
+    }
 }
 
 TEST_F(TreeRewrite, WholeObjectGoesAndWhatDescendsFromItStays) {
@@ -261,6 +282,31 @@ TEST_F(TreeRewrite, DamagedTreesEndEveryWalk) {
     EXPECT_EQ(0, tree.insertSnap(objectName("lost"), snapName("lost", kS1)));
     EXPECT_EQ(0, tree.insertObjectClone(objectName("lost"), objectName("copy")));
     EXPECT_EQ(0, tree.deleteObjectSnap(objectName("lost"), treeName(NODE_SNAPSHOT)));
+}
+
+// A file from outside can hold a node under another name than its own.
+TEST_F(TreeRewrite, ClonePointsUnderAForeignNameArePrunedByTheirLink) {
+    ClonePointNode outer(cloneName("2"), rootName());
+    outer.addChild(cloneName("1"));
+    tree.addClone(outer);
+    tree.addClone(ClonePointNode(cloneName("1"), cloneName("2")));
+    tree.getClone(cloneName("1"))->changeName(cloneName("2"));
+    tree.getNode(rootName())->addChild(cloneName("2"));
+    EXPECT_FALSE(tree.deleteUselessClone(*tree.getNode(rootName())));
+    EXPECT_EQ(nullptr, tree.getClone(cloneName("1")));
+    EXPECT_EQ(nullptr, tree.getClone(cloneName("2")));
+    EXPECT_EQ(Names{}, children(rootName()));
+}
+
+TEST_F(TreeRewrite, SnapshotsOfNobodyGoWithTheirObject) {
+    ObjectNode object(objectName("a"), rootName());
+    object.addSnapshot(SnapshotNode(snapName("", "s1"), rootName()));
+    object.addSnapshot(SnapshotNode(snapName("b", "s1"), rootName()));
+    tree.addObject(object);
+    tree.getNode(rootName())->addChild(objectName("a"));
+    EXPECT_EQ(0, tree.deleteObjectSnap(objectName("a"), treeName(NODE_SNAPSHOT)));
+    EXPECT_EQ(nullptr, tree.getObject(objectName("a")));
+    EXPECT_EQ(Names{}, children(rootName()));
 }
 
 // A long chain on a small stack: walks keep their place on the heap.

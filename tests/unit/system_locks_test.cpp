@@ -78,6 +78,13 @@ TEST_F(SystemLock, LastClaimTakesKeyAndSection) {
     EXPECT_EQ("", testkit::readFile(kData));
 }
 
+TEST_F(SystemLock, FullCountIsNotTurnedIntoNoClaim) {
+    ASSERT_EQ(1, increment("other"));
+    ASSERT_TRUE(testkit::writeFile(kData, std::string("[") + kSnap + "]\nbackup=4294967295\n"));
+    EXPECT_EQ(1, increment("backup"));
+    EXPECT_EQ(4294967295L, claims("backup"));
+}
+
 TEST_F(SystemLock, RemoveDropsTheWholeClaim) {
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(1, increment("backup"));
@@ -186,6 +193,12 @@ TEST_F(SystemLock, RefusesNullArgumentsWithoutALine) {
     EXPECT_EQ(-1, QOVAShareSnapSysLockGet(&share_, kSnap, "a", nullptr));
     EXPECT_EQ(-1, QOVAShareSnapSysLockGet(&share_, kSnap, nullptr, &count));
     EXPECT_EQ(-1, QOVAShareSnapSysLockInitiatorList(&share_, kSnap, nullptr));
+    const QOVASHARE nameless{};
+    QLIBCSZLIST *list = QLIBCSzListAlloc(512);
+    EXPECT_EQ(-1, QOVAShareSnapSysLockIncrement(&nameless, kSnap, "a"));
+    EXPECT_EQ(-1, QOVAShareSnapSysLockGet(&nameless, kSnap, "a", &count));
+    EXPECT_EQ(-1, QOVAShareSnapSysLockInitiatorList(&nameless, kSnap, &list));
+    QLIBCSzListFree(list);
     EXPECT_EQ(-1, ShareSnapSysLockShareRenameHook(nullptr, "b"));
     EXPECT_EQ(-1, ShareSnapSysLockShareRenameHook("a", nullptr));
     EXPECT_EQ(-1, ShareSnapSysLockShareDeleteHook(nullptr));

@@ -123,7 +123,13 @@ TEST_F(ShareInfo, SecondCaptureReplacesTheFirst) {
 }
 
 TEST_F(ShareInfo, CopiesTheQuotaDatabaseIfThereIsOne) {
-    ASSERT_EQ(0, QOVAShareSnapShareInfoSet(&share_));
+    {
+        const testkit::CallCount checks("QOVAQuotaIsEnough");
+        const testkit::CallCount copies("QOVAFileCopy");
+        ASSERT_EQ(0, QOVAShareSnapShareInfoSet(&share_));
+        EXPECT_EQ(0u, checks.calls());
+        EXPECT_EQ(0u, copies.calls());
+    }
     EXPECT_EQ(1u, testkit::directoryNames(kDirectory).size());
     char database[4096];
     ASSERT_EQ(0, QOVAQuotaDbPathGet("/vol1/docs", database, sizeof(database)));
@@ -179,6 +185,21 @@ TEST_F(ShareInfo, PlantedLinksAreNotFollowed) {
     ASSERT_TRUE(testkit::makeDirectories(kDirectory));
     ASSERT_EQ(0, symlink((elsewhere + "/file").c_str(), kFile));
     EXPECT_EQ(-1, QOVAShareSnapShareInfoSet(&share_));
+    EXPECT_TRUE(testkit::directoryNames(elsewhere).empty());
+}
+
+TEST_F(ShareInfo, LinkPlantedInTheLastMomentIsNotFollowed) {
+    const std::string elsewhere = testkit::Sandbox::scratch() + "/elsewhere";
+    ASSERT_TRUE(testkit::makeDirectories(elsewhere));
+    ASSERT_TRUE(testkit::makeDirectories(kEaDir));
+    const testkit::Replacement<int(const char *, mode_t)> race("mkdir", [&](const char *path, mode_t mode) {
+        if (std::string(path) == kDirectory) {
+            EXPECT_EQ(0, symlink(elsewhere.c_str(), path));
+        }
+        return testkit::real<int(const char *, mode_t)>("mkdir")(path, mode);
+    });
+    EXPECT_EQ(-1, QOVAShareSnapShareInfoSet(&share_));
+    EXPECT_EQ(unsigned{SNAP_ERR_BAD_FILE_TYPE}, QLIBCErrGet());
     EXPECT_TRUE(testkit::directoryNames(elsewhere).empty());
 }
 
@@ -264,6 +285,15 @@ TEST_F(ShareInfoRead, GivesBackWhatWasCaptured) {
     EXPECT_EQ(reinterpret_cast<char *>(info_ + 1), info_->szDesc);
     EXPECT_EQ(info_->szDesc + strlen(info_->szDesc) + 1, info_->szDenyList);
     EXPECT_EQ(info_->szDenyList + 1, info_->szRWList);
+}
+
+TEST_F(ShareInfoRead, ListWhoseAccountsHaveAllGoneIsEmpty) {
+    fields_[4] = "no-such-user,@no-such-group";
+    refresh();
+    ASSERT_EQ(0, QOVAShareSnapShareInfoSet(&share_));
+    EXPECT_NE(std::string::npos, testkit::readFile(kFile).find("\nuser_rw=\ngroup_rw=\n"));
+    ASSERT_EQ(0, QOVAShareSnapShareInfoGet(&share_, &info_));
+    EXPECT_STREQ("", info_->szRWList);
 }
 
 TEST_F(ShareInfoRead, EmptyListsAreEmptyAndNotNull) {

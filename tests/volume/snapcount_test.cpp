@@ -105,6 +105,15 @@ TEST_F(SnapCount, RepairsANegativeValueInAnUpdateAlone) {
     EXPECT_EQ(0, count());
 }
 
+TEST_F(SnapCount, StaysAtTheEndOfItsRange) {
+    store("2147483647");
+    EXPECT_EQ(2147483647, QOVAShareSnapUpdateSnapCount(share(), 1));
+    EXPECT_EQ(2147483647, count());
+    store("-2147483648");
+    EXPECT_EQ(0, QOVAShareSnapUpdateSnapCount(share(), -1));
+    EXPECT_EQ(0, count());
+}
+
 TEST_F(SnapCount, TakesTheNumberInFrontAndRecountsWithoutOne) {
     writeSections();
     store("12abc");
@@ -179,6 +188,35 @@ TEST_F(SnapCount, LeavesNothingOfAFailedWrite) {
     EXPECT_EQ(3, count());
 }
 
+TEST_F(SnapCount, FailedUnlockIsLoggedAlone) {
+    store("3");
+    testkit::Fault fault("QLIBCFileUnlockByFile", 1, EIO);
+    EXPECT_EQ(4, QOVAShareSnapUpdateSnapCount(share(), 1));
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "QLIBCFileUnlockByFile fail: /run/lock/sharesnap/sharesnap_snapcount_lock/"
+                                         "docs.lock[0x"));
+    EXPECT_EQ(4, count());
+}
+
+TEST_F(SnapCount, FileInTheLockDirectorysPlaceRefuses) {
+    store("3");
+    ASSERT_EQ(1, QOVAShareSnapCreateRunLockShareSnapDir());
+    ASSERT_TRUE(testkit::writeFile("/run/lock/sharesnap/sharesnap_snapcount_lock", "x"));
+    EXPECT_EQ(-1, QOVAShareSnapUpdateSnapCount(share(), 1));
+    EXPECT_EQ(unsigned{SNAP_ERR_NOT_A_DIRECTORY}, QLIBCErrGet());
+    EXPECT_EQ(3, count());
+}
+
+TEST_F(SnapCount, ShareWithoutSnapshotSupportFails) {
+    ASSERT_EQ("", testkit::Sandbox::mountVolume("/vol2", "ext4"));
+    ASSERT_TRUE(testkit::makeDirectories("/vol2/media"));
+    ASSERT_EQ("", testkit::addShare("media", "/vol2/media"));
+    const testkit::SharePointer media = testkit::getShare("media");
+    int number = 5;
+    EXPECT_EQ(-1, QOVAShareSnapGetSnapCount(media.get(), &number, 0));
+    EXPECT_EQ(0, number);
+    EXPECT_EQ(-1, QOVAShareSnapUpdateSnapCountEx(media.get(), 1, 1));
+}
+
 TEST_F(SnapCount, RefusesNullArguments) {
     int number = 5;
     EXPECT_EQ(-1, QOVAShareSnapGetSnapCount(nullptr, &number, 0));
@@ -227,6 +265,20 @@ TEST_F(GlobalSnapCount, LeavesOtherFileSystemsOut) {
     ASSERT_TRUE(testkit::makeDirectories("/vol2/media"));
     ASSERT_EQ("", testkit::addShare("media", "/vol2/media"));
     EXPECT_EQ(7, QOVAShareSnapGetGlobalSnapCount());
+}
+
+TEST_F(GlobalSnapCount, SaysNoMoreThanAnIntHolds) {
+    store("2147483647");
+    EXPECT_EQ(2147483647, QOVAShareSnapGetGlobalSnapCount());
+}
+
+TEST_F(GlobalSnapCount, FailsWithTheFirstShareThatFails) {
+    const testkit::Fault fault("setxattr", 2, ENOSPC);
+    EXPECT_EQ(-1, QOVAShareSnapSyncGlobalSnapCount());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to get snapshot count of [pics]"));
+    const testkit::Fault volume("QOVAMountVolInfoGet", 1, EIO);
+    EXPECT_EQ(-1, QOVAShareSnapGetGlobalSnapCount());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Fail to get mount volume info of path [/vol1/docs].["));
 }
 
 TEST_F(GlobalSnapCount, WaitsForABusyDatabaseFiveTimesAShare) {
