@@ -1,6 +1,5 @@
 #include "frame/run_directory.h"
 
-#include <sharesnap/frame.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -10,12 +9,14 @@
 namespace sharesnap {
 
 int GetOrCreateRunDirectory(const char *szPath) {
-    const int nExist = ShareSnapCheckDirExist(szPath);
-    if (nExist < 0) {
+    // Users can write to the directory above: a link that one of them puts there isn't followed.
+    struct stat info;
+    const bool blExist = lstat(szPath, &info) == 0;
+    if (blExist && !S_ISDIR(info.st_mode)) {
         SNAP_SET_ERR(SNAP_ERR_NOT_A_DIRECTORY);
         return -1;
     }
-    if (nExist == 0 && mkdir(szPath, 0777) < 0 && errno != EEXIST) {
+    if (!blExist && mkdir(szPath, 0777) < 0 && errno != EEXIST) {
         SNAP_LOG(LOG_ERR, "Failed to mkdir [%s], errno=%d/%m\n", szPath, errno);
         SNAP_SET_ERR(SNAP_ERR_CREATE_FAILED);
         return 0;

@@ -202,7 +202,8 @@ void PutBackSurvivors(const Removal &r) {
         return -1;
     }
     EnterNames(r);
-    if (!r.lock.Take(r.pShare) || !OpenInput(r) || !FindSections(r) || !DecreaseCounter(r)) {
+    if (!r.lock.take(r.pShare, MetadataLockMode::exclusive) || !OpenInput(r) || !FindSections(r) ||
+        !DecreaseCounter(r)) {
         return -1;
     }
     DeleteSubvolumes(r);

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "frame/metadata_lock.h"
 #include "frame/owners.h"
 #include "lifecycle/snapshot_path.h"
 
@@ -86,20 +87,6 @@ private:
     char szPath_[kPathSize] = "";
 };
 
-// The exclusive metadata lock. A failed unlock is only logged.
-class MetaLock {
-public:
-    MetaLock() = default;
-    ~MetaLock();
-    MetaLock(const MetaLock &) = delete;
-    MetaLock &operator=(const MetaLock &) = delete;
-    [[nodiscard]] bool Take(const QOVASHARE *pShare);
-
-private:
-    const QOVASHARE *pShare_ = nullptr;
-    int nFd_ = -1;
-};
-
 // State of one call. What is declared last is released first: line, input, temporary file, lock, lists and hash.
 struct Removal {
     Removal(const QOVASHARE *pShareOfNames, const QLIBCSZLIST *pListSnap, QLIBCMRESULT **ppNameResult)
@@ -113,7 +100,7 @@ struct Removal {
     HashOwner status; // "true" for a name whose section and subvolume were found, else "false"
     ListOwner visible;
     ListOwner hidden;
-    MetaLock lock;
+    MetadataLock lock;
     TemporaryFile output;
     ReadStreamOwner input;
     struct stat inputStat = {};

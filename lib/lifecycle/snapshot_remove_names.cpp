@@ -1,7 +1,6 @@
 // The names of a batch and the owners that one removal works with.
 #include <fcntl.h>
 #include <sharesnap/frame.h>
-#include <sharesnap/platform/file_lock.h>
 #include <sharesnap/platform/section_file.h>
 #include <unistd.h>
 
@@ -114,23 +113,6 @@ FILE *TemporaryFile::GiveUp() {
     FILE *pStream = pStream_;
     pStream_ = nullptr;
     return pStream;
-}
-
-MetaLock::~MetaLock() {
-    const ErrnoKeeper keeper;
-    if (nFd_ > 0 && QLIBCFileUnlockByFile(nFd_) == 0) {
-        SNAP_LOG_REG(LOG_ERR, "fail to QLIBCFileUnlockByFile of share(%s) metadata[0x%04X %s:%d]", pShare_->szName);
-    }
-}
-
-bool MetaLock::Take(const QOVASHARE *pShare) {
-    pShare_ = pShare;
-    nFd_ = QOVAShareSnapLockMetaFile(pShare, 1);
-    if (nFd_ < 0) {
-        SNAP_LOG_REG(LOG_ERR, "Failed to lock meta file [0x%04X %s:%d]");
-        return false;
-    }
-    return true;
 }
 
 } // namespace sharesnap

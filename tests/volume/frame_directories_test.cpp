@@ -456,6 +456,17 @@ TEST_F(Directories, BelowRunAreRefusedWhereSomethingElseStands) {
     EXPECT_EQ(-1, QOVAShareSnapLockMetaFile(docs(), 1));
 }
 
+TEST_F(Directories, BelowRunALinkIsNotFollowed) {
+    clearRun();
+    const std::string planted = testkit::Sandbox::scratch() + "/planted";
+    ASSERT_EQ(0, mkdir(planted.c_str(), 0777));
+    ASSERT_EQ(0, symlink(planted.c_str(), "/run/lock/sharesnap"));
+    EXPECT_EQ(-1, QOVAShareSnapCreateRunLockShareSnapDir());
+    EXPECT_EQ(0xA000u, QLIBCErrGet());
+    EXPECT_EQ(-1, QOVAShareSnapLockMetaFile(docs(), 1));
+    EXPECT_TRUE(testkit::directoryNames(planted).empty());
+}
+
 TEST_F(Directories, TheLockDirectoryMustBeADirectory) {
     ASSERT_EQ(1, QOVAShareSnapCreateRunLockShareSnapDir());
     ASSERT_TRUE(testkit::writeFile("/run/lock/sharesnap/sharesnap_meta_lock", ""));
