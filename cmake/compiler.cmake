@@ -24,7 +24,8 @@ endif()
 
 # A program may define a function of ours, and everybody then calls the program's: no call between exported
 # functions is bound or inlined at build time. This is the compiler's default with g++, not with clang.
-add_compile_options(-fsemantic-interposition)
+# And a call stays a call, so that who stands in for a function sees who called it.
+add_compile_options(-fsemantic-interposition -fno-optimize-sibling-calls)
 
 # RUNPATH, not RPATH: LD_LIBRARY_PATH comes first, so that another platform can stand in for ours.
 add_link_options(-Wl,--enable-new-dtags -Wl,-z,relro,-z,now)
