@@ -18,8 +18,9 @@
 
 SHARESNAP_BEGIN_DECLS
 
-/* What a request wants to do to a share; a mask of one bit or several. The bits between are for callers: 0x004 is refused
-   on an encrypted share that isn't unlocked, 0x010 on every encrypted share, the others have no rule of their own. */
+/* What a request wants to do to a share; a mask of one bit or several. The bits between are for callers: 0x004 is
+   refused on an encrypted share that isn't unlocked, 0x010 on every encrypted share, the others have no rule of their
+   own. */
 enum { SNAP_CREATE = 0x001, SNAP_DELETE = 0x002, SNAP_CLONE = 0x008, SNAP_ALL = 0x1FF };
 
 /* While pEntry isn't null the actions of uMask are refused for all shares. Zeroed at start; only the process that loads
@@ -31,8 +32,8 @@ typedef struct QOVAShareSnapBlackListRecord {
 SHARESNAP_API extern QOVAShareSnapBlackListRecord BlackList;
 
 /* Tells whether a directory, or a regular file, stands at a path; links are followed.
-   1 it does; 0 nothing does, or the path can't be looked at; -1 something else does. Sets no code. Needs no privilege but
-   search permission. */
+   1 it does; 0 nothing does, or the path can't be looked at; -1 something else does. Sets no code. Needs no privilege
+   but search permission. */
 SHARESNAP_API int ShareSnapCheckDirExist(const char *szPath);
 SHARESNAP_API int ShareSnapCheckFileExist(const char *szPath);
 
@@ -49,7 +50,8 @@ SHARESNAP_API int SnapGetOrCreateSubvolume(const QOVASHARE *pShare, const char *
 
 /* The same for the share's own subvolume below that one: "<szDir>/<share>", "<szDir>/@<share>@" for an encrypted share.
    A new one gets an icon for network clients as far as that can be had; an existing one is never changed.
-   Results as above, but with blCreate -1 when szDir itself couldn't be made, and 0 with 0x0C00 for the loser of a race. */
+   Results as above, but with blCreate -1 when szDir itself couldn't be made, and 0 with 0x0C00 for the loser of a
+   race. */
 SHARESNAP_API int SnapGetOrCreateSubvolumeWithShare(const QOVASHARE *pShare, const char *szDir, char *szPath,
                                                     size_t cbPath, int blCreate);
 
@@ -62,8 +64,8 @@ SHARESNAP_API int QOVAShareSnapGetOrCreateSnapDir(const QOVASHARE *pShare, char 
    pFsType    receives the type of its file system (FS_TYPE_*) as soon as that is known, also when the answer is no; may
               be null
    nAction    SNAP_* bits, all of which must be allowed; 0 asks about the share alone
-   0 yes; -1 no: 0xD900 not Btrfs, no subvolume, or an action refused; 0x6400 the share is forbidden; 0x0D00 a null share
-   or a mask out of range; another code when it couldn't be found out. */
+   0 yes; -1 no: 0xD900 not Btrfs, no subvolume, or an action refused; 0x6400 the share is forbidden; 0x0D00 a null
+   share or a mask out of range; another code when it couldn't be found out. */
 SHARESNAP_API int QOVAShareSnapCheckSupport(const QOVASHARE *pShare, int *pFsType, unsigned int nAction);
 
 /* Writes the path of a snapshot and tells whether it stands. Makes nothing. Compare the result with 1.
@@ -80,8 +82,8 @@ SHARESNAP_API int QOVAShareSnapGetSnapPath(const QOVASHARE *pShare, const char *
    0 moved; -1: 0xE700 the new one stands already, 0x2A00 the rename failed, 0x0D00 a null record, or another code. */
 SHARESNAP_API int SnapshotDirRename(const QOVASHARE *pOldShare, const QOVASHARE *pNewShare);
 
-/* Pushes the names of all subvolumes below the share's snapshot directory, as the volume holds them. What is nested in a
-   snapshot has slashes in its name. Runs the program /sbin/btrfs and waits for its end.
+/* Pushes the names of all subvolumes below the share's snapshot directory, as the volume holds them. What is nested in
+   a snapshot has slashes in its name. Runs the program /sbin/btrfs and waits for its end.
    pShare   the share
    ppList   an allocated list of the caller, not emptied first; it may move
    0; -1 with names pushed so far still in the list. */
@@ -170,7 +172,8 @@ typedef struct TimeLimitTask {
    0 the child ended by itself; -1 with 0x2E00: the limit passed and the child got SIGTERM; -1 with 0x0D00, 0x0200 or
    0x2A00: it couldn't be run or waited for.
    Waits for the child's end, behind the limit too when it ignores SIGTERM; any signal that the process handles while it
-   waits ends the limit. Installs a handler of SIGUSR1 and leaves it. One call at a time in a process. Needs no privilege. */
+   waits ends the limit. Installs a handler of SIGUSR1 and leaves it. One call at a time in a process. Needs no
+   privilege. */
 SHARESNAP_API int ShareSnapTimeLimitFork(unsigned long ulSecTimeout, const TimeLimitTask *pTimeLimitTask,
                                          int *pFuncRet);
 

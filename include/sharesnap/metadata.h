@@ -1,10 +1,10 @@
 /* Metadata file of a share, listing, attributes, selectors, look-ups by time, reconciliation.
  *
- * The metadata file is the library's list of a share's snapshots: "/vol1/@sharesnap/@docs.meta" with one section for each
- * snapshot, whose pairs are its attributes. Every function returns an int and leaves a code in the error register when it
- * fails (<sharesnap/platform/error.h>). Share records belong to the caller and are only read; lists and hashes belong to
- * the caller, are allocated by him, not emptied first, and may move. The metadata lock, where one is taken, is waited for
- * up to 10 seconds; 0x0400 says that the time was up. Root is needed unless said otherwise. */
+ * The metadata file is the library's list of a share's snapshots: "/vol1/@sharesnap/@docs.meta" with one section for
+ * each snapshot, whose pairs are its attributes. Every function returns an int and leaves a code in the error register
+ * when it fails (<sharesnap/platform/error.h>). Share records belong to the caller and are only read; lists and hashes
+ * belong to the caller, are allocated by him, not emptied first, and may move. The metadata lock, where one is taken,
+ * is waited for up to 10 seconds; 0x0400 says that the time was up. Root is needed unless said otherwise. */
 #ifndef SHARESNAP_METADATA_H
 #define SHARESNAP_METADATA_H
 
@@ -47,7 +47,8 @@ SHARESNAP_API int SnapMetaGetOrCreateFile(const QOVASHARE *pShare, char *szPath,
    szSnapName   name of the snapshot
    pshHash      its attributes, within the limits above
    0; -1: 0x2300 there is a section of that name, which stays; 0xC300 too many pairs and 0xE600 a pair too long, both
-   before a file is made; 0x2900 no space; 0x0D00 bad arguments; or another code. Takes the metadata lock exclusively. */
+   before a file is made; 0x2900 no space; 0x0D00 bad arguments; or another code. Takes the metadata lock
+   exclusively. */
 SHARESNAP_API int QOVAShareSnapMetaSectionAdd(const QOVASHARE *pShare, const char *szSnapName,
                                               const QLIBCSZHASH *pshHash);
 
@@ -80,8 +81,8 @@ SHARESNAP_API int SnapFileGetNextSection(FILE *pStream, char *szSection, size_t 
    pShare       the share
    ppListSnap   the list; names already pushed stay in it on a failure
    pEnum        the chain, null for every snapshot
-   0, also for a share without a file; a section without pairs ends the listing with 0. -1: a selector said 3, 0x0700 the
-   file can't be resolved, 0x0900 it can't be opened, 0x0D00 bad arguments, or another code.
+   0, also for a share without a file; a section without pairs ends the listing with 0. -1: a selector said 3, 0x0700
+   the file can't be resolved, 0x0900 it can't be opened, 0x0D00 bad arguments, or another code.
    Takes the metadata lock shared for the whole scan. The caller must be able to become root, for the lock; the file is
    read as the caller. When the lock can't be had the effective user stays root. */
 SHARESNAP_API int QOVAShareSnapList(const QOVASHARE *pShare, QLIBCSZLIST **ppListSnap, const QOVAShareSnapEnum *pEnum);
@@ -150,8 +151,8 @@ SHARESNAP_API int SnapSelectorCheck(QOVAShareSnapSelector pSelector, void *pData
 /* Selectors. 0 keep, 1 skip; a null argument skips, with 0x0D00.
    Time: the data is a text with a snapshot time and the characters '<', '>', '=' anywhere, as in
    ">=GMT-2026.01.02-03.04.05"; older snapshots pass by '<', newer ones by '>', one of that second by '='.
-   Attribute: the data is a text of at most 1023 bytes: "key==value" equal, "key=value" contains, "key=" or "key" has it;
-   a leading '!' turns the answer.
+   Attribute: the data is a text of at most 1023 bytes: "key==value" equal, "key=value" contains, "key=" or "key" has
+   it; a leading '!' turns the answer.
    Common: the data is a QLIBCSZLIST of "name=ruuid"; a snapshot passes when its name and ruuid stand there. */
 SHARESNAP_API int QOVAShareSnapTimeSelector(const char *szSnapName, const QLIBCSZHASH *pHash, void *pData);
 SHARESNAP_API int QOVAShareSnapAttrSelector(const char *szSnapName, const QLIBCSZHASH *pHash, void *pData);
@@ -165,8 +166,8 @@ SHARESNAP_API int QOVAShareSnapCommonSelector(const char *szSnapName, const QLIB
    QOVAShareSnapList for lock, wait and privilege. */
 SHARESNAP_API int QOVAShareSnapGetLatest(const QOVASHARE *pShare, char *szName, size_t cbName);
 
-/* Finds the snapshot taken at a time: on the volume under the names that the time has now, visible or hidden, then among
-   the visible ones of the metadata file.
+/* Finds the snapshot taken at a time: on the volume under the names that the time has now, visible or hidden, then
+   among the visible ones of the metadata file.
    pShare, szName, cbName   as above
    tTime                    seconds since 1970
    0 found; -1 there is none, or a failure. Lock, wait and privilege as above. */
@@ -179,16 +180,16 @@ SHARESNAP_API int QOVAShareSnapNameGetByTime(const QOVASHARE *pShare, char *szNa
    defaults are added) or a null argument, 0x2A00 the command line can't be read. Needs no privilege. */
 SHARESNAP_API int QOVAShareSnapDefaultAttr(QLIBCSZHASH **ppHash);
 
-/* Makes the metadata of a share true to its volume: sections of subvolumes that are gone are removed, subvolumes without a
-   section get one (a hidden one is shown, with a description that says where it comes from), sections get the facts of
-   their subvolumes, and the counter is stored anew. Single snapshots that fail are told in the log alone. Runs the program
-   /sbin/btrfs and waits for its end. Takes the metadata lock for each step of its own and the counter lock at the end
-   (5 seconds): a snapshot made or deleted meanwhile may be mistaken.
+/* Makes the metadata of a share true to its volume: sections of subvolumes that are gone are removed, subvolumes
+   without a section get one (a hidden one is shown, with a description that says where it comes from), sections get
+   the facts of their subvolumes, and the counter is stored anew. Single snapshots that fail are told in the log alone.
+   Runs the program /sbin/btrfs and waits for its end. Takes the metadata lock for each step of its own and the counter
+   lock at the end (5 seconds): a snapshot made or deleted meanwhile may be mistaken.
    0; -1: 0x8300 the volume can't be read, 0xD900 it isn't Btrfs, or another code. */
 SHARESNAP_API int QOVAShareSnapMetaSync(const QOVASHARE *pShare);
 
-/* The same for every share on every mounted Btrfs volume. A share record whose database is busy is waited for, up to about
-   20 seconds. 0, failures of shares are told in the log alone; -1: 0x0200 no memory to begin with. */
+/* The same for every share on every mounted Btrfs volume. A share record whose database is busy is waited for, up to
+   about 20 seconds. 0, failures of shares are told in the log alone; -1: 0x0200 no memory to begin with. */
 SHARESNAP_API int QOVAShareSnapMetaSyncAll(void);
 
 /* Pushes the paths of all subvolumes of a volume, relative to its top, as /sbin/btrfs lists them.

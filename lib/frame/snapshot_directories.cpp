@@ -57,8 +57,12 @@ int TopPath(const QOVASHARE *pShare, const char *szDir, char *szPath, size_t cbP
     return FormatPath(szPath, cbPath, "%s/%s", szVolume, szDir) ? 0 : -1;
 }
 
-// Writes the path of the share's own directory below szTop. 0 or -1.
-int SharePath(const QOVASHARE *pShare, const char *szTop, char *szPath, size_t cbPath) {
+// Writes the path of the share's own directory below szTop, the look for which gave nTop. 0 or -1.
+int SharePath(const QOVASHARE *pShare, int nTop, const char *szTop, char *szPath, size_t cbPath) {
+    if (nTop < 0) {
+        SNAP_LOG_REG(LOG_ERR, "Failed to get @sharesnap path [0x%04X %s:%d]");
+        return -1;
+    }
     int nEncrypted = 0;
     if (QLIBShareIsEncryptionGet(pShare, &nEncrypted) < 0) {
         SNAP_LOG_REG(LOG_ERR, "Failed to get eycrnption status of share [%s] [0x%04X %s:%d]", pShare->szName);
@@ -210,11 +214,7 @@ int SnapGetOrCreateSubvolumeWithShare(const QOVASHARE *pShare, const char *szDir
         SNAP_LOG_REG(LOG_ERR, "Failed to create @sharesnap subvolume [0x%04X %s:%d]");
         return -1;
     }
-    if (nTop < 0) {
-        SNAP_LOG_REG(LOG_ERR, "Failed to get @sharesnap path [0x%04X %s:%d]");
-        return -1;
-    }
-    if (SharePath(pShare, szTop, szPath, cbPath) < 0) {
+    if (SharePath(pShare, nTop, szTop, szPath, cbPath) < 0) {
         return -1;
     }
     const int nSubvolume = QOVABtrfsIsSubVol(szPath);
@@ -254,11 +254,7 @@ int SnapGetOrCreateDirWithShare(const QOVASHARE *pShare, const char *szDir, char
         SNAP_LOG_REG(LOG_ERR, "Failed to create @sharesnap directory [0x%04X %s:%d]");
         return -1;
     }
-    if (nTop < 0) {
-        SNAP_LOG_REG(LOG_ERR, "Failed to get @sharesnap path [0x%04X %s:%d]");
-        return -1;
-    }
-    if (SharePath(pShare, szTop, szPath, cbPath) < 0) {
+    if (SharePath(pShare, nTop, szTop, szPath, cbPath) < 0) {
         return -1;
     }
     return GetOrCreateDirectory(szPath, blCreate);
