@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "frame/inside_name.h"
 #include "frame/log.h"
 #include "frame/metadata_lock.h"
 #include "frame/owners.h"
@@ -77,6 +78,16 @@ int WriteSection(SingleSet *pSet) {
     return 0;
 }
 
+// Hides or shows the subvolume of a snapshot. A section may be forged: its name must not lead to the mark of anything
+// but a snapshot. 0 or -1.
+int SetMark(const char *szPath, const char *szSnapName, int blHide) {
+    if (!NameStaysInside(szSnapName)) {
+        SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
+        return -1;
+    }
+    return QOVABtrfsSubvolHideAttrSet(szPath, blHide) < 0 ? -1 : 0;
+}
+
 // Sets the mark of the subvolume. 0 or -1.
 int MarkSubvolume(const SingleSet *pSet) {
     char szDirectory[kPathSize];
@@ -86,7 +97,7 @@ int MarkSubvolume(const SingleSet *pSet) {
     }
     char szPath[kPathSize];
     if (!FormatPath(szPath, sizeof(szPath), "%s/%s", szDirectory, pSet->szSnapName) ||
-        QOVABtrfsSubvolHideAttrSet(szPath, pSet->blHide) < 0) {
+        SetMark(szPath, pSet->szSnapName, pSet->blHide) < 0) {
         SNAP_LOG_REG(LOG_ERR, "Failed to set subvolume hide attribute on [%s] [0x%04X %s:%d]", szPath);
         return -1;
     }
@@ -178,7 +189,7 @@ void MarkSubvolume(const MultiSet *pSet) {
     }
     char szPath[kPathSize];
     if (!FormatPath(szPath, sizeof(szPath), "%s/%s", szDirectory, pSet->szSnapName) ||
-        QOVABtrfsSubvolHideAttrSet(szPath, pSet->blHide) < 0) {
+        SetMark(szPath, pSet->szSnapName, pSet->blHide) < 0) {
         SNAP_LOG_REG(LOG_ERR, "Fail to set attribute of snapshot [%s][0x%04X %s:%d]", pSet->szSnapName);
     }
 }
