@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/files.hpp"
 #include "support/fixtures.hpp"
 #include "support/log_capture.hpp"
 #include "support/tree_names.hpp"
@@ -112,7 +113,7 @@ public:
     }
 };
 
-class Run {
+class Play {
 public:
     // The first difference, or nothing.
     std::string play(const std::vector<Step> &steps) {
@@ -125,6 +126,42 @@ public:
         }
         return "";
     }
+
+    // Notes on some nodes, and useless clone points gone from both sides, as a save would have it.
+    void prepareForSave(std::mt19937 &random) {
+        model_.prune();
+        (void)tree_.deleteUselessClone(*tree_.getNode(testkit::rootName()));
+        for (const auto &entry : model_.nodes) {
+            for (unsigned int i = static_cast<unsigned int>(random()) % 3; i > 0; --i) {
+                const std::string key = "key" + std::to_string(i);
+                ASSERT_EQ(0, tree_.addNodeInfo(entry.second.name, key, std::string(random() % 300, '=') + "\n" + key));
+            }
+        }
+    }
+
+    // All that a tree says of the model's nodes: parents, children in their order, infos.
+    [[nodiscard]] std::string described(const SnapTree &tree) const {
+        std::string text = testkit::printedTree(tree);
+        for (const auto &entry : model_.nodes) {
+            const BaseNode *node = tree.getNode(entry.second.name);
+            if (node == nullptr) {
+                return entry.first + " isn't there";
+            }
+            text += nameText(node->name()) + " of " + nameText(node->parent()) + ":";
+            for (const nodeName &child : node->listChilds()) {
+                text += " " + nameText(child);
+            }
+            for (const std::string key : {"key1", "key2", "key3"}) {
+                std::string value;
+                node->getInfo(key, value);
+                text += " [" + value + "]";
+            }
+            text += "\n";
+        }
+        return text;
+    }
+
+    SnapTree &tree() { return tree_; }
 
 private:
     SnapTree tree_;
@@ -267,7 +304,7 @@ private:
 };
 
 std::string playAlone(const std::vector<Step> &steps) {
-    return Run().play(steps);
+    return Play().play(steps);
 }
 
 // Leaves steps out as long as the rest still fails.
@@ -284,6 +321,15 @@ std::vector<Step> shrink(std::vector<Step> steps) {
     return steps;
 }
 
+std::vector<Step> randomSteps(std::mt19937 &random) {
+    std::vector<Step> steps(1 + random() % 60);
+    for (Step &step : steps) {
+        step = Step{static_cast<unsigned int>(random()), static_cast<unsigned int>(random()),
+                    static_cast<unsigned int>(random())};
+    }
+    return steps;
+}
+
 class TreeModel : public testkit::SandboxTest {};
 
 TEST_F(TreeModel, AgreesWithRandomRewrites) {
@@ -291,11 +337,7 @@ TEST_F(TreeModel, AgreesWithRandomRewrites) {
     const unsigned long sequences = wanted == nullptr ? 1000 : std::strtoul(wanted, nullptr, 10);
     std::mt19937 random(20260102);
     for (unsigned long sequence = 0; sequence < sequences; ++sequence) {
-        std::vector<Step> steps(1 + random() % 60);
-        for (Step &step : steps) {
-            step = Step{static_cast<unsigned int>(random()), static_cast<unsigned int>(random()),
-                        static_cast<unsigned int>(random())};
-        }
+        std::vector<Step> steps = randomSteps(random);
         const std::string wrong = playAlone(steps);
         if (wrong.empty()) {
             testkit::logClear();
@@ -310,6 +352,34 @@ TEST_F(TreeModel, AgreesWithRandomRewrites) {
         FAIL() << "sequence " << sequence << ": " << wrong << "\nshrunk to " << text << "\n" << playAlone(steps);
     }
     RecordProperty("sequences", std::to_string(sequences));
+}
+
+// Random trees come back from their file as they were, to the order of children and the infos.
+TEST_F(TreeModel, SavedTreesComeBackWhole) {
+    constexpr char file[] = "/vol1/@eaDir/snaptree.bin";
+    ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
+    ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
+    ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
+    std::mt19937 random(4711);
+    SnapTree reader; // one for all: what it held before doesn't show through
+    size_t lines = 0;
+    for (int sequence = 0; sequence < 100; ++sequence) {
+        Play run;
+        ASSERT_EQ("", run.play(randomSteps(random)));
+        ASSERT_NO_FATAL_FAILURE(run.prepareForSave(random));
+        const std::string before = run.described(run.tree());
+        lines += static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
+        run.tree().setTreeFile(file);
+        ASSERT_TRUE(run.tree().save());
+        EXPECT_EQ(before, run.described(run.tree())) << "a save changed the tree in memory";
+        const std::string bytes = testkit::readFile(file);
+        ASSERT_EQ(0, reader.loadByVolume("/vol1", true));
+        ASSERT_EQ(before, run.described(reader)) << "sequence " << sequence;
+        ASSERT_TRUE(reader.save());
+        EXPECT_EQ(bytes, testkit::readFile(file));
+        testkit::logClear();
+    }
+    EXPECT_LT(2000u, lines);
 }
 
 } // namespace

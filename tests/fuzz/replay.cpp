@@ -1,0 +1,152 @@
+// Drives a fuzz target without libFuzzer: replay [folder]
+//
+// First every file of the folder, then mutations of them: a fixed number from a fixed seed, or as many as
+// SHARESNAP_CAMPAIGN_SECONDS leaves time for. An input that ends the process is printed in hexadecimal.
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "fuzz/fuzz.hpp"
+
+namespace {
+
+constexpr int kMutations = 1500;
+constexpr size_t kLargest = 1 << 16;
+
+std::string current; // the input that is being tried
+
+void print(const char *text, size_t size) {
+    if (write(STDERR_FILENO, text, size) < 0) {
+        _exit(EXIT_FAILURE);
+    }
+}
+
+void onSignal(int number) {
+    constexpr char digits[] = "0123456789abcdef";
+    print("the input: ", 11);
+    for (const char c : current) {
+        const auto byte = static_cast<unsigned char>(c);
+        const char hex[] = {digits[byte >> 4], digits[byte & 15]};
+        print(hex, sizeof(hex));
+    }
+    print("\n", 1);
+    (void)std::signal(number, SIG_DFL);
+    (void)std::raise(number);
+}
+
+void run(const std::string &input) {
+    current = input;
+    (void)LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(current.data()), current.size());
+}
+
+std::vector<std::string> readFolder(const std::string &folder) {
+    std::vector<std::filesystem::path> paths;
+    for (const auto &entry : std::filesystem::directory_iterator(folder)) {
+        paths.push_back(entry.path());
+    }
+    std::sort(paths.begin(), paths.end()); // the same inputs everywhere
+    std::vector<std::string> inputs;
+    for (const auto &path : paths) {
+        std::ostringstream text;
+        text << std::ifstream(path, std::ios::binary).rdbuf();
+        inputs.push_back(text.str());
+    }
+    return inputs;
+}
+
+class Mutator {
+public:
+    explicit Mutator(const std::vector<std::string> &inputs) : inputs_(inputs) {}
+
+    std::string next() {
+        std::string input = any();
+        for (size_t left = 1 + below(6); left > 0; --left) {
+            change(input);
+        }
+        input.resize(std::min(input.size(), kLargest));
+        return input;
+    }
+
+private:
+    const std::vector<std::string> &inputs_;
+    std::mt19937 random_{20260102};
+
+    size_t below(size_t limit) { return limit == 0 ? 0 : random_() % limit; }
+    const std::string &any() { return inputs_[below(inputs_.size())]; }
+
+    void change(std::string &input) {
+        const size_t at = below(input.size());
+        const size_t length = 1 + below(std::min<size_t>(input.size() - at, 64));
+        switch (below(6)) {
+        case 0: // one byte
+            if (!input.empty()) {
+                input[at] = static_cast<char>(random_());
+            }
+            break;
+        case 1: // a number of the width of a length or a count
+            overwrite(input, at, below(2) == 0 ? 4 : 8);
+            break;
+        case 2:
+            input.erase(at, length);
+            break;
+        case 3:
+            input.insert(at, input.substr(at, length));
+            break;
+        case 4: { // a piece of another file
+            const std::string &other = any();
+            const size_t from = below(other.size());
+            input.replace(at, length, other.substr(from, 1 + below(64)));
+            break;
+        }
+        default:
+            input.resize(at);
+        }
+    }
+
+    void overwrite(std::string &input, size_t at, size_t width) {
+        constexpr uint64_t numbers[] = {0, 1, 2, 0x7F, 0xFF, 0x7FFF, 0xFFFFF, 0x7FFFFFFF, 0xFFFFFFFF, ~uint64_t{0}};
+        uint64_t number = numbers[below(std::size(numbers))];
+        for (size_t i = at; i < std::min(at + width, input.size()); ++i) {
+            input[i] = static_cast<char>(number & 0xFF);
+            number >>= 8;
+        }
+    }
+};
+
+} // namespace
+
+int main(int argc, char **argv) {
+    (void)LLVMFuzzerInitialize(&argc, &argv);
+    const std::vector<std::string> inputs = readFolder(argc > 1 ? argv[1] : SHARESNAP_FUZZ_CORPUS);
+    if (inputs.empty()) {
+        std::fprintf(stderr, "no files to begin with\n");
+        return EXIT_FAILURE;
+    }
+    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
+        (void)std::signal(number, onSignal);
+    }
+    for (const std::string &input : inputs) {
+        run(input);
+    }
+    const char *seconds = std::getenv("SHARESNAP_CAMPAIGN_SECONDS");
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::seconds(seconds == nullptr ? 0 : std::strtol(seconds, nullptr, 10));
+    Mutator mutator(inputs);
+    long mutations = 0;
+    while (seconds == nullptr ? mutations < kMutations : std::chrono::steady_clock::now() < end) {
+        run(mutator.next());
+        ++mutations;
+    }
+    std::printf("%zu files, %ld mutations\n", inputs.size(), mutations);
+    return EXIT_SUCCESS;
+}
