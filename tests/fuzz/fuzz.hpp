@@ -1,5 +1,5 @@
-// What a fuzz target consists of: tests/fuzz/<folder>_<name>_fuzz.cpp defines these two functions, with libFuzzer's names
-// and meanings. A build with the sanitizer fuzzer-no-link (clang) makes a libFuzzer program of it; every other one
+// What a fuzz target consists of: tests/fuzz/<folder>_<name>_fuzz.cpp defines the two functions, with libFuzzer's names
+// and meanings, and the variable. A build with the sanitizer fuzzer-no-link (clang) makes a libFuzzer program of it; every other one
 // links replay.cpp, which gives it the files of tests/data/<folder> and mutations of them.
 #pragma once
 
@@ -11,3 +11,6 @@ constexpr int kFuzzSkipped = 77;
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+// True after an input that was taken, false after one that was refused: replay.cpp mutates the former.
+extern bool fuzzInputTaken;

@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr int kMutations = 1500;
+constexpr int kMutations = 5000;
 constexpr size_t kLargest = 1 << 16;
 
 std::string current; // the input that is being tried
@@ -44,9 +44,10 @@ void onSignal(int number) {
     (void)std::raise(number);
 }
 
-void run(const std::string &input) {
+bool taken(const std::string &input) {
     current = input;
     (void)LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(current.data()), current.size());
+    return fuzzInputTaken;
 }
 
 std::vector<std::string> readFolder(const std::string &folder) {
@@ -64,13 +65,20 @@ std::vector<std::string> readFolder(const std::string &folder) {
     return inputs;
 }
 
+// Mutates inputs that were taken before; when there are many, any of them makes room for the next.
 class Mutator {
 public:
-    explicit Mutator(const std::vector<std::string> &inputs) : inputs_(inputs) {}
+    void learn(const std::string &input) {
+        if (inputs_.size() < kMostBases) {
+            inputs_.push_back(input);
+        } else {
+            inputs_[below(inputs_.size())] = input;
+        }
+    }
 
     std::string next() {
         std::string input = any();
-        for (size_t left = 1 + below(6); left > 0; --left) {
+        for (size_t left = 1 + below(3); left > 0; --left) {
             change(input);
         }
         input.resize(std::min(input.size(), kLargest));
@@ -78,38 +86,48 @@ public:
     }
 
 private:
-    const std::vector<std::string> &inputs_;
+    static constexpr size_t kMostBases = 500;
+    std::vector<std::string> inputs_{""};
     std::mt19937 random_{20260102};
 
     size_t below(size_t limit) { return limit == 0 ? 0 : random_() % limit; }
     const std::string &any() { return inputs_[below(inputs_.size())]; }
 
+    // Most changes keep the places of what follows, so that the input still reads as a file of its kind.
     void change(std::string &input) {
         const size_t at = below(input.size());
         const size_t length = 1 + below(std::min<size_t>(input.size() - at, 64));
-        switch (below(6)) {
-        case 0: // one byte
-            if (!input.empty()) {
-                input[at] = static_cast<char>(random_());
-            }
-            break;
-        case 1: // a number of the width of a length or a count
+        switch (below(12)) {
+        case 0: // a number of the width of a length or a count
             overwrite(input, at, below(2) == 0 ? 4 : 8);
             break;
-        case 2:
+        case 1:
             input.erase(at, length);
             break;
-        case 3:
+        case 2:
             input.insert(at, input.substr(at, length));
             break;
-        case 4: { // a piece of another file
+        case 3: { // a piece of another file
             const std::string &other = any();
             const size_t from = below(other.size());
             input.replace(at, length, other.substr(from, 1 + below(64)));
             break;
         }
-        default:
+        case 4:
             input.resize(at);
+            break;
+        case 5:
+        case 6:
+        case 7: { // a piece of this file over another one of the same length
+            const std::string piece = input.substr(below(input.size()), length);
+            input.replace(at, piece.size(), piece);
+            break;
+        }
+        default: // one byte, by a little or anyhow
+            if (!input.empty()) {
+                input[at] =
+                    static_cast<char>(below(2) == 0 ? random_() : static_cast<size_t>(input[at]) ^ 1U << below(3));
+            }
         }
     }
 
@@ -135,18 +153,25 @@ int main(int argc, char **argv) {
     for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
         (void)std::signal(number, onSignal);
     }
+    Mutator mutator;
     for (const std::string &input : inputs) {
-        run(input);
+        if (taken(input)) {
+            mutator.learn(input);
+        }
     }
     const char *seconds = std::getenv("SHARESNAP_CAMPAIGN_SECONDS");
     const auto end = std::chrono::steady_clock::now() +
                      std::chrono::seconds(seconds == nullptr ? 0 : std::strtol(seconds, nullptr, 10));
-    Mutator mutator(inputs);
     long mutations = 0;
+    long good = 0;
     while (seconds == nullptr ? mutations < kMutations : std::chrono::steady_clock::now() < end) {
-        run(mutator.next());
+        const std::string input = mutator.next();
         ++mutations;
+        if (taken(input)) {
+            mutator.learn(input);
+            ++good;
+        }
     }
-    std::printf("%zu files, %ld mutations\n", inputs.size(), mutations);
+    std::printf("%zu files, %ld mutations, %ld of them taken\n", inputs.size(), mutations, good);
     return EXIT_SUCCESS;
 }

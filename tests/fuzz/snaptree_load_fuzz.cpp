@@ -84,12 +84,13 @@ void rewriteEverything(SnapTree &tree) {
     (void)testkit::printedTree(tree);
 }
 
-void loadAndUse() {
+// False for a file that was refused.
+bool loadAndUse() {
     SnapTree tree;
     tree.setTreeFile(kFile);
     if (!tree.load()) {
         require(testkit::exists(kMark), "a file was refused without a mark");
-        return;
+        return false;
     }
     require(!testkit::exists(kMark), "a file was read and marked");
     require(tree.save(), "a tree that was read can't be saved");
@@ -101,9 +102,12 @@ void loadAndUse() {
     require(again.save(), "what came back can't be saved");
     require(saved == testkit::readFile(kFile), "what came back is saved otherwise");
     rewriteEverything(again);
+    return true;
 }
 
 } // namespace
+
+bool fuzzInputTaken = false;
 
 extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
     std::string failure;
@@ -128,6 +132,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     testkit::logClear();
     (void)unlink(kMark);
     require(testkit::writeFile(kFile, std::string(reinterpret_cast<const char *>(data), size)), "the disk is full");
-    loadAndUse();
+    fuzzInputTaken = loadAndUse();
     return 0;
 }
