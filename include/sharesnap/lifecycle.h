@@ -209,7 +209,7 @@ SHARESNAP_API int QOVAShareGetSnapSize(const QOVASHARE *pShare, const char *szSn
 SHARESNAP_API int QOVAShareSnapSendNotification(const char *szTag, const char *szShareName, QLIBCSZHASH **ppHash);
 
 /* Share-level operations: for programs that make, rename and remove shares. None takes a lock of its own or runs a
-   plug-in; keeping others out is the caller's part, and so are the hooks of the system locks (counters.h).
+   plug-in; keeping others out is the caller's business, and so are the hooks of the system locks (counters.h).
    ------------- */
 
 /* Makes the data of a new share, a subvolume at its path. 0 or -1. Needs root. */

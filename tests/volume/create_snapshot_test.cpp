@@ -99,6 +99,14 @@ TEST_F(SnapCreate, RefusesANullShareWithoutMore) {
     EXPECT_EQ(1U, testkit::logLines().size()) << testkit::logText();
 }
 
+TEST_F(SnapCreate, AddressOfNoHashFails) {
+    QLIBCSZHASH *none = nullptr;
+    EXPECT_EQ(-1, QOVAShareSnapCreate(share, nullptr, 0, &none));
+    EXPECT_EQ("", meta());
+    EXPECT_EQ(Names{}, standing());
+    QLIBCSzHashFree(none);
+}
+
 TEST_F(SnapCreate, RefusesAHideValueThatDiffersInCase) {
     Hash hash(Pairs{{"hide", "True"}});
     EXPECT_EQ(-1, create(hash));
@@ -202,13 +210,13 @@ TEST_P(SnapCreateZone, NamesByLocalTimeWhenTheShareAsksForIt) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllSigns, SnapCreateZone,
-                         testing::Values(Zone{"XXX-8", "GMT+08-2026.01.02-11.04.06"},
-                                         Zone{"XXX5", "GMT-05-2026.01.01-22.04.06"},
-                                         Zone{"XXX-5:30", "GMT+0530-2026.01.02-08.34.06"}));
+                         testing::Values(Zone{"ZZZ-8", "GMT+08-2026.01.02-11.04.06"},
+                                         Zone{"ZZZ5", "GMT-05-2026.01.01-22.04.06"},
+                                         Zone{"ZZZ-5:30", "GMT+0530-2026.01.02-08.34.06"}));
 
 TEST_F(SnapCreate, KeepsToUniversalTimeForAnyOtherValue) {
     ASSERT_TRUE(testkit::makeDirectories("/usr/qova/etc/sharesnap"));
-    setenv("TZ", "XXX-8", 1);
+    setenv("TZ", "ZZZ-8", 1);
     tzset();
     for (const char *value : {"false", "True", "1", ""}) {
         ASSERT_EQ(0, QOVAShareSnapConfSet("docs", "local_time_format", value)) << value;

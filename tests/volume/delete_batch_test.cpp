@@ -241,6 +241,15 @@ TEST_F(SnapDelete, HandleOfThePluginsStaysOpen) {
     EXPECT_EQ(0U, closed.calls());
 }
 
+// The counter is recounted under the lock that the deletion itself holds.
+TEST_F(SnapDelete, MissingCounterIsCountedAnew) {
+    const Names names = takeSome(3);
+    ASSERT_EQ(0, removexattr(snapDir().c_str(), "user.snapcount"));
+    EXPECT_EQ(0, remove({names[0]}));
+    EXPECT_EQ(2, storedCount());
+    EXPECT_EQ(0U, testkit::logCount(LOG_ERR, "Failed to lock"));
+}
+
 // Names that lead out of the snapshot directory, in the list and in forged sections.
 TEST_F(SnapDelete, NothingOutsideTheSnapshotDirectoryIsDeleted) {
     const std::string name = take();

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <sys/wait.h>
 
 #include "support/lock_holder.hpp"
 
@@ -358,6 +359,32 @@ TEST_F(SnapDeleteOutcome, FailedPutBackOfTheCountIsOnlyLogged) {
     EXPECT_EQ((Codes{GONE, SURVIVED}), codes);
     EXPECT_EQ(1, storedCount()); // too low, never too high
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to rollback snapcount for share [docs] [0x"));
+}
+
+// A process that dies between the deletions and the rewrite leaves old metadata and a counter that is too low.
+TEST_F(SnapDeleteOutcome, ReconciliationMendsWhatACrashLeaves) {
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        const testkit::Replacement<DeleteList> deletion(
+            "QOVABtrfsDeleteSubvolListFaultTolerantEx",
+            [&](const char *directory, const QLIBCSZLIST *list, int *deleted) {
+                (void)deleteAllBut({names_[1]}, directory, list, deleted);
+                _exit(9);
+                return 0;
+            });
+        (void)remove({names_[0], names_[1]});
+        _exit(1);
+    }
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_EQ(9, WEXITSTATUS(status));
+    EXPECT_EQ(before_, meta());
+    EXPECT_EQ(1, storedCount());
+    EXPECT_EQ((Names{names_[1], names_[2], hidden_}), standing());
+    ASSERT_EQ(0, QOVAShareSnapMetaSync(share)) << testkit::logText();
+    EXPECT_EQ((Names{names_[1], names_[2], hidden_}), sections());
+    EXPECT_EQ(2, storedCount());
 }
 
 // Each listed name is asked for once before and once after the deletion, whatever the number of sections.
