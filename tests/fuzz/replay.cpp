@@ -44,6 +44,23 @@ void onSignal(int number) {
     (void)std::raise(number);
 }
 
+// On a stack of its own: an overflow of the stack is one of the ends to be reported.
+void printInputOnSignals() {
+    static char stack[1 << 16];
+    stack_t alternate{};
+    alternate.ss_sp = stack;
+    alternate.ss_size = sizeof(stack);
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    action.sa_flags = SA_ONSTACK;
+    if (sigaltstack(&alternate, nullptr) < 0) {
+        std::perror("sigaltstack");
+    }
+    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
+        (void)sigaction(number, &action, nullptr);
+    }
+}
+
 bool taken(const std::string &input) {
     current = input;
     (void)LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(current.data()), current.size());
@@ -150,9 +167,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "no files to begin with\n");
         return EXIT_FAILURE;
     }
-    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
-        (void)std::signal(number, onSignal);
-    }
+    printInputOnSignals();
     Mutator mutator;
     for (const std::string &input : inputs) {
         if (taken(input)) {

@@ -238,13 +238,16 @@ TEST_F(TreeFile, OldTreeKeepsItsShapeAndInfos) {
     EXPECT_EQ(nullptr, tree.getClone(cloneName("99")));
 }
 
-TEST_F(TreeFile, DanglingChildAndCircleEndEveryWalk) {
-    for (const std::string name : {"hazard-dangling-child", "hazard-old-v11-clone-cycle"}) {
+TEST_F(TreeFile, DamagedLinksEndEveryWalk) {
+    for (const std::string name : {"hazard-dangling-child", "hazard-old-v11-clone-cycle", "hazard-clone-foreign-name",
+                                   "hazard-snapshot-of-nobody"}) {
         place(fixture(name));
         SnapTree tree;
         ASSERT_EQ(0, tree.loadByVolume("/vol1", true)) << name;
         (void)testkit::printedTree(tree);
         EXPECT_TRUE(tree.save()) << name;
+        (void)tree.deleteObjectSnap(objectName("a"), treeName(NODE_SNAPSHOT));
+        EXPECT_EQ(nullptr, tree.getObject(objectName("a"))) << name;
         std::vector<nodeName> sources;
         EXPECT_EQ(-1, tree.findCloneSrcSnap("/vol1", "absent", "/vol1/absent", sources)) << name;
     }
