@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sharesnap/frame.h>
 #include <sharesnap/metadata.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,7 +21,12 @@ namespace {
 constexpr size_t kPathSize = 4096;
 constexpr size_t kListSize = 1024;
 
-// The path of the file, which need not stand. 0 or -1.
+bool IsLink(const char *szPath) {
+    struct stat info;
+    return lstat(szPath, &info) == 0 && S_ISLNK(info.st_mode);
+}
+
+// The path of the file, which need not stand. 1; 0 when nothing can stand there; -1 on failure.
 int MetaPath(const QOVASHARE *pShare, char *szPath, size_t cbPath, int blCreate) {
     char szDirectory[kPathSize];
     const int nDirectory = SnapGetOrCreateSubvolume(pShare, "@sharesnap", szDirectory, sizeof(szDirectory), blCreate);
@@ -40,7 +46,11 @@ int MetaPath(const QOVASHARE *pShare, char *szPath, size_t cbPath, int blCreate)
     const bool blWritten = nEncrypted != 0
                                ? FormatPath(szPath, cbPath, "%s/@%s@%s", szDirectory, pShare->szName, ".meta")
                                : FormatPath(szPath, cbPath, "%s/%s%s%s", szDirectory, "@", pShare->szName, ".meta");
-    return blWritten ? 0 : -1;
+    if (!blWritten) {
+        return -1;
+    }
+    // Behind a link in the directory's place lie the files of somebody else.
+    return nDirectory == 1 || !IsLink(szDirectory) ? 1 : 0;
 }
 
 // Makes the empty file. One that another process made meanwhile stays as it is, with the sections it may have by now.
@@ -103,11 +113,12 @@ int SnapMetaGetOrCreateFile(const QOVASHARE *pShare, char *szPath, size_t cbPath
         SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
         return -1;
     }
-    if (MetaPath(pShare, szPath, cbPath, blCreate) < 0) {
-        return -1;
+    const int nPath = MetaPath(pShare, szPath, cbPath, blCreate);
+    if (nPath != 1) {
+        return nPath;
     }
     const int nExist = ShareSnapCheckFileExist(szPath);
-    if (nExist < 0) {
+    if (nExist < 0 || (nExist == 1 && IsLink(szPath))) {
         SNAP_SET_ERR(SNAP_ERR_BAD_FILE_TYPE);
         return -1;
     }

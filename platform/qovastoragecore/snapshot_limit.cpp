@@ -47,7 +47,8 @@ int AddVolume(const std::string &szVolume, std::set<std::pair<dev_t, ino_t>> &se
     Descriptor directory = OpenWithoutLinks(szShares.c_str(), O_RDONLY | O_DIRECTORY);
     struct stat status = {};
     if (!directory.IsOpen()) {
-        return errno == ENOENT ? 0 : -1;
+        // A file or a link in its place holds no snapshots, and is moved aside when the first one is taken.
+        return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : -1;
     }
     if (fstat(directory.Get(), &status) != 0) {
         return -1;
