@@ -153,6 +153,10 @@ TEST_F(UsageTest, NoVerbUnknownVerbAndMissingArgumentsAreUsage) {
     }
 }
 
+TEST_F(UsageTest, AnUnknownVerbIsNamed) {
+    EXPECT_TRUE(says(sharesnap({"frobnicate", "docs"}), {"no verb \"frobnicate\"", "--help"}));
+}
+
 TEST_F(UsageTest, HelpAndVersionGoToStandardOutput) {
     for (const Arguments &arguments :
          {Arguments{"--help"}, {"create", "--help"}, {"hold", "add", "--help"}, {"--version"}}) {

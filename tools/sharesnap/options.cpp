@@ -77,6 +77,10 @@ Verb &Verb::flag(const std::string &name, bool &value, const std::string &help) 
 }
 
 int parseAndRun(int argc, char **argv, const VerbEntry *verbs, size_t count) {
+    const auto isVerb = [argv](const VerbEntry &verb) { return isNamed(verb.names, 1, argv + 1); };
+    if (argc > 1 && argv[1][0] != '-' && std::none_of(verbs, verbs + count, isVerb)) {
+        throw Failure(exitUsage, "there is no verb " + quoted(argv[1]), "sharesnap --help lists the verbs");
+    }
     CLI::App app("Snapshots of shared folders on Btrfs.", "sharesnap");
     OutputForm form;
     app.footer(footer);
