@@ -100,6 +100,15 @@ TEST_F(Attr, NoSetterMakesASection) {
     EXPECT_EQ("[b]\nk=v\n", meta());
 }
 
+TEST_F(Attr, ASectionWithoutPairsTakesNone) {
+    writeMeta("[a]\n[b]\nk=v\n");
+    EXPECT_EQ(-1, set("desc", "text"));
+    EXPECT_EQ(0, setAll({{"desc", "text"}}));
+    EXPECT_EQ(-1, QOVAShareSnapAttrDelete(docs(), "a", "desc"));
+    EXPECT_EQ(0x0D00u, QLIBCErrGet());
+    EXPECT_EQ("[a]\n[b]\nk=v\n", meta());
+}
+
 TEST_F(Attr, AFirstAttributeWithoutAFileLeavesAnEmptyOne) {
     EXPECT_EQ(-1, set("desc", "text"));
     EXPECT_TRUE(testkit::exists(metaPath));
@@ -235,6 +244,14 @@ TEST_F(Attr, SetUndoesHideWhenTheSubvolumeCannotBeChanged) {
         testkit::logged(LOG_ERR, "Failed to set subvolume hide attribute on [/vol1/@sharesnap/docs/a] [0x2A00"));
 }
 
+TEST_F(Attr, SetIsUndoneToTheValueThatStoodThere) {
+    takeSubvolume("a", true);
+    writeMeta("[a]\nhide=true\nk=v\n");
+    const testkit::Fault stuck("QOVABtrfsSubvolHideAttrSet", 0, EIO, -1, 0x2A00);
+    EXPECT_EQ(-1, set("hide", "false"));
+    EXPECT_EQ("[a]\nhide=true\nk=v\n", meta());
+}
+
 TEST_F(Attr, SetWithoutAnEarlierHideIsUndoneAsFalse) {
     writeMeta("[a]\nk=v\n"); // and no subvolume
     EXPECT_EQ(-1, set("hide", "true"));
@@ -359,6 +376,32 @@ TEST_F(Attr, DeleteReadsBeforeItLocks) {
         });
     EXPECT_EQ(0, QOVAShareSnapAttrDelete(docs(), "a", "k"));
     EXPECT_EQ("read lock1", order);
+}
+
+TEST_F(Attr, ReadersShareTheLockAndWritersHaveItAlone) {
+    writeMeta("[a]\nk=v\nl=w\n");
+    std::vector<int> modes;
+    const testkit::Replacement<int(const char *, int, int, int *)> lock(
+        "QLIBCFileLockTimeByFile", [&](const char *file, int mode, int seconds, int *fd) {
+            EXPECT_STREQ("/run/lock/sharesnap/sharesnap_meta_lock/docs.lock", file);
+            EXPECT_EQ(10, seconds);
+            modes.push_back(mode);
+            return testkit::real<int(const char *, int, int, int *)>("QLIBCFileLockTimeByFile")(file, mode, seconds,
+                                                                                                fd);
+        });
+    char value[16] = "";
+    Pairs pairs;
+    const Pairs more = {{"m", "x"}};
+    EXPECT_EQ(0, QOVAShareSnapAttrGet(docs(), "a", "k", value, sizeof(value)));
+    EXPECT_EQ(0, QOVAShareSnapAttrList(docs(), "a", pairs.address()));
+    EXPECT_EQ((std::vector<int>{0, 0}), modes);
+    modes.clear();
+    EXPECT_EQ(0, set("k", "1"));
+    EXPECT_EQ(0, setAll(more));
+    EXPECT_EQ(0, QOVAShareSnapAttrDelete(docs(), "a", "m"));
+    EXPECT_EQ(0, QOVAShareSnapMetaSectionAdd(docs(), "b", more.get()));
+    EXPECT_EQ(0, SnapMetaSectionDel(docs(), "b", 1));
+    EXPECT_EQ((std::vector<int>{1, 1, 1, 1, 1}), modes);
 }
 
 TEST_F(Attr, ChecksArguments) {

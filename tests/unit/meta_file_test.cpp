@@ -3,9 +3,11 @@
 #include "support/log_capture.hpp"
 #include "support/metadata_fixture.hpp"
 
+#include <sharesnap/frame.h>
 #include <sharesnap/platform/error.h>
 #include <sharesnap/platform/subvolume.h>
 
+#include <cerrno>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -270,8 +272,26 @@ TEST_F(MetaFile, AFailedUnlockIsLoggedAndChangesNeitherResultNorCode) {
 TEST_F(MetaFile, AFullVolumeIsToldFromOtherFailures) {
     const Pairs pairs = {{"k", "v"}};
     const testkit::Fault full("QLIBCFileAddSection", 1, ENOSPC, -1, 0x0B00);
+    const testkit::Fault broken("QLIBCFileAddSection", 2, EIO, -1, 0x0B00);
     EXPECT_EQ(-1, QOVAShareSnapMetaSectionAdd(docs(), "a", pairs.get()));
     EXPECT_EQ(0x2900u, QLIBCErrGet());
+    EXPECT_EQ(-1, QOVAShareSnapMetaSectionAdd(docs(), "a", pairs.get()));
+    EXPECT_EQ(0x0B00u, QLIBCErrGet());
+}
+
+TEST_F(MetaFile, AnOldFullVolumeIsNoReasonForWhatIsNoFailure) {
+    const Pairs pairs = {{"k", "v"}};
+    writeMeta("[a]\nk=v\n");
+    QLIBCErrSetEx(0, "", 0);
+    errno = ENOSPC;
+    EXPECT_EQ(0, SnapFileSectionAdd(metaPath, "a", pairs.get(), nullptr)); // it stands
+    EXPECT_EQ(0u, QLIBCErrGet());
+    errno = ENOSPC;
+    EXPECT_EQ(0, SnapFileSectionRemove(metaPath, "b"));
+    EXPECT_EQ(0u, QLIBCErrGet());
+    errno = ENOSPC;
+    EXPECT_EQ(-1, SnapFileSectionSet(metaPath, "b", nullptr, pairs.get(), nullptr));
+    EXPECT_EQ(0x2200u, QLIBCErrGet());
 }
 
 } // namespace

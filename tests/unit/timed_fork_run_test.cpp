@@ -106,6 +106,27 @@ TEST_F(TimedFork, ATaskThatSomethingElseKillsIsNoticedAtOnceAndLeavesTheResultAl
     EXPECT_FALSE(hasChildren());
 }
 
+TEST_F(TimedFork, TheTasksEndIsToldEvenWhenItLeavesAProcessBehind) {
+    // What it leaves behind ends with this test.
+    int life[2] = {-1, -1};
+    ASSERT_EQ(0, pipe2(life, O_CLOEXEC));
+    EXPECT_EQ(0, run(
+                     [](void *argument) {
+                         const int *ends = static_cast<int *>(argument);
+                         if (fork() == 0) {
+                             close(ends[1]);
+                             char byte = 0;
+                             _exit(read(ends[0], &byte, 1) < 0 ? 1 : 0);
+                         }
+                         close(ends[1]);
+                         return 4;
+                     },
+                     60, life));
+    EXPECT_EQ(4, ret);
+    close(life[0]);
+    close(life[1]);
+}
+
 TEST_F(TimedFork, AStraySignalEndsTheLimit) {
     EXPECT_EQ(0, run(
                      [](void *) {

@@ -96,6 +96,17 @@ TEST_F(Directories, ANewShareDirectoryShowsAsASystemFolder) {
     EXPECT_STREQ("0x6", value);
 }
 
+TEST_F(Directories, ANewShareDirectoryIsToLoadNoUserQuota) {
+    ASSERT_EQ(1, top(1));
+    const testkit::Fault refused("ioctl", 0, EOPNOTSUPP); // as every stock kernel does
+    EXPECT_EQ(1, own(1));
+    EXPECT_EQ(1u, refused.calls());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to set path [/vol1/@sharesnap/docs] NoLoadUsrQuota Attr.[0x2A00 "));
+    EXPECT_TRUE(testkit::exists("/vol1/@sharesnap/docs/desktop.ini"));
+    EXPECT_EQ(1, own(1)); // one that stands isn't asked again
+    EXPECT_EQ(1u, refused.calls());
+}
+
 TEST_F(Directories, AnExistingShareDirectoryIsNotRepaired) {
     ASSERT_EQ(1, own(1));
     ASSERT_EQ(0, unlink("/vol1/@sharesnap/docs/desktop.ini"));

@@ -106,7 +106,16 @@ TEST_F(Support, TheDataOfAnEncryptedShareIsItsBackEnd) {
     safe->uStatus = 0x02;
     EXPECT_EQ(-1, QOVAShareSnapCheckSupport(safe.get(), nullptr, 0));
     ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/@safe@"));
-    EXPECT_EQ(0u, check(safe.get(), SNAP_CREATE | SNAP_CLONE));
+    {
+        std::vector<std::string> asked;
+        using VolPath = int(const char *, char *, size_t);
+        const testkit::Replacement<VolPath> volume("QOVAShareVolPathGet", [&](const char *path, char *buf, size_t cb) {
+            asked.emplace_back(path);
+            return testkit::real<VolPath>("QOVAShareVolPathGet")(path, buf, cb);
+        });
+        EXPECT_EQ(0u, check(safe.get(), SNAP_CREATE | SNAP_CLONE));
+        EXPECT_EQ((std::vector<std::string>{"/vol1/@safe@"}), asked);
+    }
     EXPECT_EQ(0xD900u, check(safe.get(), 0x10));
 }
 

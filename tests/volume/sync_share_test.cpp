@@ -9,6 +9,7 @@
 #include <sharesnap/platform/subvolume.h>
 #include <sharesnap/platform/volume.h>
 
+#include <set>
 #include <sys/stat.h>
 
 namespace {
@@ -337,7 +338,14 @@ TEST_F(MetaSync, AllSharesOfAllVolumes) {
     char path[4096];
     ASSERT_EQ(1, QOVAShareSnapGetOrCreateSnapDir(far.get(), path, sizeof(path), 1));
     ASSERT_EQ(0, QOVABtrfsReadOnlySnapshotTake("/vol2/far", "/vol2/@sharesnap/far/b"));
+    std::multiset<std::string> asked;
+    using Get = int(const char *, QOVASHARE **);
+    const testkit::Replacement<Get> get("QOVAShareGet", [&](const char *name, QOVASHARE **share) {
+        asked.insert(name);
+        return testkit::real<Get>("QOVAShareGet")(name, share);
+    });
     EXPECT_EQ(0, QOVAShareSnapMetaSyncAll());
+    EXPECT_EQ((std::multiset<std::string>{"docs", "far"}), asked); // each once
     EXPECT_EQ((std::vector<std::string>{"a"}), listed());
     Names names;
     EXPECT_EQ(0, QOVAShareSnapList(far.get(), names.address(), nullptr));
