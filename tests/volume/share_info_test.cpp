@@ -346,6 +346,7 @@ TEST_F(ShareInfoRead, OtherSectionGivesAnEmptyRecord) {
 
 TEST_F(ShareInfoRead, MissingFileFails) {
     EXPECT_EQ(-1, QOVAShareSnapShareInfoGet(&share_, &info_));
+    EXPECT_EQ(unsigned{SNAP_ERR_OPEN_FAILED}, QLIBCErrGet());
     EXPECT_EQ(nullptr, info_);
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to get share [docs] snapshot configuration infomation from file["));
 }
