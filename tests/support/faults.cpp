@@ -67,6 +67,8 @@ struct Plan {
 Plan plans[mostPlans];
 std::atomic<int> active; // plans, replacements and sweeps
 std::atomic<size_t> sweepTarget;
+Sweep::Whose sweepWhose = Sweep::Whose::everyones;
+pid_t sweepProcess; // the one that runs the sweep
 thread_local int bypassed;
 thread_local bool judging;
 
@@ -220,9 +222,13 @@ const Verdict *judgeByPlans(const FaultSlot &slot) {
     return verdict;
 }
 
+bool isOfSweptProcess() {
+    return sweepWhose == Sweep::Whose::everyones || (getpid() == sweepProcess) == (sweepWhose == Sweep::Whose::parents);
+}
+
 bool judgeBySweep(const FaultSlot &slot, void *returnAddress) {
     const size_t target = sweepTarget;
-    if (target == 0 || !slot.swept) {
+    if (target == 0 || !slot.swept || !isOfSweptProcess()) {
         return false;
     }
     Shared &all = shared();
@@ -369,6 +375,8 @@ bool runWithFault(const Sweep &sweep, size_t number, FaultPoint &point) {
     all.sweepCalls = 0;
     all.met = false;
     sweepError = sweep.error;
+    sweepWhose = sweep.whose;
+    sweepProcess = getpid();
     sweepTarget = number;
     ++active;
     sweep.operation();

@@ -85,13 +85,19 @@ private:
 };
 
 // Runs an operation again and again, each time with another one of its calls failing.
+//
+// A child that the operation forks runs beside its parent: which of their calls is the nth of all differs from run to
+// run. A sweep over such an operation counts the calls of one of them only, and leaves out what a signal handler calls.
 class Sweep {
 public:
+    enum class Whose { everyones, parents, childrens };
+
     std::function<void()> prepare;                 // before each run, nothing fails in it
     std::function<void()> operation;               // the run
     std::function<void(const FaultPoint &)> check; // after each run that met its point
     std::vector<std::string> only;                 // functions to count; empty for all
     std::vector<std::string> except;               // functions never to fail
+    Whose whose = Whose::everyones;                // the processes whose calls count
     int error = 0;                                 // errno of the failures; 0 for the table's own
     size_t most = 5000;                            // a sweep with more points is taken for endless
 
