@@ -181,11 +181,11 @@ namespace {
 
 // Writes tree to szPath; the useless clone points go behind the header, in memory, and so never reach the file.
 bool WriteArchive(SnapTree *pTree, BaseNode *pRoot, const char *szVolume, const char *szPath) {
-    std::ofstream out(szPath, std::ios::binary | std::ios::out | std::ios::trunc);
-    if (!out.good()) {
-        return false;
-    }
     try {
+        std::ofstream out(szPath, std::ios::binary | std::ios::out | std::ios::trunc);
+        if (!out.good()) {
+            return false;
+        }
         {
             boost::archive::binary_oarchive archive(out);
             (void)pTree->deleteUselessClone(*pRoot); // the root is no clone point: it never goes
@@ -198,11 +198,11 @@ bool WriteArchive(SnapTree *pTree, BaseNode *pRoot, const char *szVolume, const 
         if (!out.good()) {
             throw std::ios_base::failure("the tree file wasn't written whole");
         }
+        out.close();
     } catch (...) {
         SNAP_LOG(LOG_ERR, "save snaptree fail [%s]", szVolume);
         return false;
     }
-    out.close();
     return true;
 }
 
