@@ -141,8 +141,9 @@ int ShareConfigFileGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
     if (nExist == 1 || blCreate == 0) {
         return nExist;
     }
-    // Never through a link that a user of the share planted, and what another process wrote meanwhile stays.
-    const DescriptorOwner file(open(szPath, O_CREAT | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, 0644));
+    // Never through a link that a user of the share planted, nor waiting for the reader of a pipe, and what another
+    // process wrote meanwhile stays.
+    const DescriptorOwner file(open(szPath, O_CREAT | O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
     if (!file) {
         SNAP_LOG(LOG_ERR, "Failed to create [%s]\n", szPath);
         SNAP_SET_ERR(SNAP_ERR_CREATE_FAILED);

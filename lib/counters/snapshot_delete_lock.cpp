@@ -62,7 +62,8 @@ int SnapSysLockFilePathGet(const char *szShare, char *szPath, size_t cbPath, int
     if (blCreate != 1) {
         return 0;
     }
-    const DescriptorOwner file(open(szPath, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0770));
+    // Without waiting for the other end of a pipe that somebody put there; readers and writers refuse it later.
+    const DescriptorOwner file(open(szPath, O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0770));
     if (!file) {
         SNAP_SET_ERR(SNAP_ERR_OPEN_FAILED);
         return -1;

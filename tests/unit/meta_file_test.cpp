@@ -47,12 +47,16 @@ TEST_F(MetaFile, AnEncryptedShareHasANameOfItsOwn) {
 TEST_F(MetaFile, AnExistingFileIsNeverEmptiedByItsMaker) {
     writeMeta("[a]\nk=v\n");
     // As a process sees it that looked just before another one made the file.
-    const testkit::Replacement<int(const char *, struct stat *)> late("stat", [](const char *, struct stat *) {
-        errno = ENOENT;
-        return -1;
-    });
+    int looks = 0;
+    const testkit::Replacement<int(const char *, struct stat64 *)> late("stat64",
+                                                                        [&looks](const char *, struct stat64 *) {
+                                                                            ++looks;
+                                                                            errno = ENOENT;
+                                                                            return -1;
+                                                                        });
     char path[4096] = "";
     EXPECT_EQ(1, SnapMetaGetOrCreateFile(docs(), path, sizeof(path), 1));
+    EXPECT_LT(0, looks);
     EXPECT_EQ("[a]\nk=v\n", meta());
 }
 

@@ -197,6 +197,23 @@ TEST_F(HostileLinks, QuotaDatabaseIsCopiedThroughNoLink) {
     EXPECT_EQ("limits", testkit::readFile(copy));
 }
 
+// Users can put a pipe there between the look and the making of the file: root doesn't wait for its reader.
+TEST_F(HostileLinks, PipePlantedInTheLastMomentIsNotWaitedFor) {
+    const std::string file = std::string(kConfigDir) + "/share_configuration";
+    ASSERT_TRUE(testkit::makeDirectories(kConfigDir));
+    ASSERT_EQ(0, mkfifo(file.c_str(), 0666));
+    using Stat = int(const char *, struct stat64 *);
+    const testkit::Replacement<Stat> late("stat64", [&file](const char *path, struct stat64 *status) {
+        if (file != path) {
+            return testkit::real<Stat>("stat64")(path, status);
+        }
+        errno = ENOENT;
+        return -1;
+    });
+    EXPECT_EQ(-1, QOVAShareSnapShareInfoSet(share));
+    EXPECT_EQ(0x0C00U, QLIBCErrGet());
+}
+
 // In a snapshot the links stand as the user planted them in the share.
 TEST_F(HostileLinks, FrozenConfigurationIsReadThroughNoLink) {
     ASSERT_TRUE(testkit::makeDirectories("/vol1/elsewhere/sharesnap_share_configuration"));
