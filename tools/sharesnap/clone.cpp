@@ -4,6 +4,7 @@
 #include "share_lookup.h"
 #include "text.h"
 #include "verbs.h"
+#include "volume_tree.h"
 
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/platform/share_admin.h>
@@ -57,7 +58,7 @@ int cloneShare(const CloneArguments &arguments) {
         (void)QOVAShareRecordRemove(name.c_str()); // the failure that is told is the clone's
         throw libraryFailure(what + " (" + printable(path) + ")", *share, cause);
     }
-    return exitDone;
+    return treeShareCloned(*share, name, arguments.snapshot) ? exitDone : exitInPart;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "text.h"
 #include "times.h"
 #include "verbs.h"
+#include "volume_tree.h"
 
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/metadata.h>
@@ -121,9 +122,10 @@ int createSnapshot(const CreateArguments &arguments, const OutputForm &form) {
     const Share share = requireBtrfsShare(arguments.share, "can't take a snapshot of");
     requireDataSubvolume(*share, "can't take a snapshot of");
     const std::string name = takeSnapshot(*share, arguments, pairs);
+    const int status = treeSnapshotTaken(*share, name) ? exitDone : exitInPart;
     if (!form.json) {
         print(printable(name) + "\n");
-        return exitDone;
+        return status;
     }
     const auto time = timeOfName(name);
     Json document = newDocument();
@@ -131,7 +133,7 @@ int createSnapshot(const CreateArguments &arguments, const OutputForm &form) {
     document["name"] = name;
     document["time"] = time ? Json(isoTime(*time)) : Json();
     printDocument(document);
-    return exitDone;
+    return status;
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include "text.h"
 #include "times.h"
 #include "verbs.h"
+#include "volume_tree.h"
 
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/platform/error.h>
@@ -293,6 +294,17 @@ std::vector<Outcome> foresee(const QOVASHARE &share, const std::vector<std::stri
     return outcomes;
 }
 
+// The tree loses what was deleted. True when it is true again.
+bool forgetInTree(const QOVASHARE &share, const std::vector<Outcome> &outcomes) {
+    std::vector<std::string> gone;
+    for (const Outcome &outcome : outcomes) {
+        if (outcome.code == 0) {
+            gone.push_back(outcome.snapshot);
+        }
+    }
+    return gone.empty() || treeSnapshotsDeleted(share, gone);
+}
+
 int deleteSnapshots(const DeleteArguments &arguments, const OutputForm &form) {
     checkArguments(arguments);
     requireRoot("can't delete snapshots of share " + quoted(arguments.share));
@@ -311,11 +323,13 @@ int deleteSnapshots(const DeleteArguments &arguments, const OutputForm &form) {
         complain(theShare(*share) + ": none is that old or has such attributes");
     }
     const std::vector<Outcome> outcomes = deleteAll(*share, names);
+    const bool treeIsTrue = forgetInTree(*share, outcomes);
     printOutcomes(*share, outcomes, form);
     if (arguments.wait) {
         waitForFileSystem(*share);
     }
-    return statusOf(outcomes);
+    const int status = statusOf(outcomes);
+    return status == exitDone && !treeIsTrue ? +exitInPart : status;
 }
 
 } // namespace

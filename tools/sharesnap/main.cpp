@@ -23,6 +23,8 @@ constexpr command::VerbEntry verbs[] = {
     {"count", "Count the visible snapshots of a share, or of all shares", command::fillCount},
     {"size", "Estimate the size of a snapshot, or of its difference to another one", command::fillSize},
     {"info", "Show the share's configuration as a snapshot froze it", command::fillInfo},
+    {"restore", "Bring a share's files back to a snapshot; the present state is kept as one", command::fillRestore},
+    {"tree", "Show from what the shares and snapshots of a volume descend", command::fillTree},
 };
 
 } // namespace

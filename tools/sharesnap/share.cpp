@@ -110,15 +110,19 @@ void fillShare(Verb &group) {
         .runs([adding] { return addShare(*adding); });
 
     auto removal = std::make_shared<ShareRemoval>();
-    Verb remove = group.add("remove,rm", "Take a share's record and settings away; its files stay");
+    Verb remove = group.add("remove,rm", "Take a share away: its record and settings, with --data all of it");
     remove.takes("SHARE", removal->name, "Name of the share")
         .flag("--clean", removal->clean, "Remove the empty list of snapshots and the empty snapshot directory, too")
-        .runs([removal] { return removeShare(*removal); });
+        .flag("--data", removal->data, "Its files and all its snapshots, too; asks first")
+        .flag("--yes", removal->yes, "With --data: don't ask")
+        .runs([removal] { return removal->data ? eraseShare(*removal) : removeShare(*removal); });
 
     auto renaming = std::make_shared<ShareRenaming>();
     Verb rename = group.add("rename,mv", "Give a share another name, and its snapshots with it");
     rename.takes("SHARE", renaming->name, "Its name until now")
-        .takes("NEW", renaming->newName, "Its new name")
+        .takesOptional("NEW", renaming->newName, "Its new name")
+        .flag("--finish", renaming->finish, "Bring an interrupted rename of this share to its end")
+        .flag("--undo", renaming->undo, "Take an interrupted rename of this share back")
         .runs([renaming] { return renameShare(*renaming); });
 }
 

@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "share_lookup.h"
 #include "text.h"
+#include "volume_tree.h"
 
 #include <sharesnap/config.h>
 #include <sharesnap/counters.h>
@@ -209,7 +210,7 @@ int addShare(const ShareAddition &asked) {
     }
     forgetCause();
     if (QOVAShareRecordAdd(&record.get()) == 0) {
-        return exitDone;
+        return treeSharePut(record.get()) ? exitDone : exitInPart;
     }
     const Cause cause = causeNow();
     if (!addition.existing) {
@@ -222,8 +223,9 @@ int removeShare(const ShareRemoval &removal) {
     requireRoot("can't remove share " + quoted(removal.name));
     const Share share = requireShare(removal.name);
     const std::string what = "can't remove " + named(*share);
-    (void)volumeOf(*share, "can't remove"); // only that it is mounted: else nobody knows what it holds
-    if (onBtrfs(*share)) {
+    const std::string volume = volumeOf(*share, "can't remove"); // unmounted, nobody knows what it holds
+    const bool btrfs = onBtrfs(*share);
+    if (btrfs) {
         checkLeftovers(*share, removal, what);
     }
     forgetCause();
@@ -239,7 +241,7 @@ int removeShare(const ShareRemoval &removal) {
             libraryFailure("the record of " + named(*share) + " is gone, but not its settings", *share, cause);
         throw Failure(exitInPart, failure.message(), "take its section out of /usr/qova/etc/sharesnap/sharesnap.conf");
     }
-    return exitDone;
+    return !btrfs || treeShareRemoved(volume, share->szName) ? exitDone : exitInPart;
 }
 
 } // namespace command

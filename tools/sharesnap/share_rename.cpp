@@ -1,14 +1,16 @@
 // Giving a share another name: record, files, snapshots, list, settings and holds go along.
 #include "failure.h"
+#include "rename_intent.h"
 #include "share_admin.h"
 #include "share_lookup.h"
+#include "share_move.h"
 #include "text.h"
 
-#include <sharesnap/counters.h>
 #include <sharesnap/frame.h>
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/metadata.h>
 #include <sharesnap/platform/error.h>
+#include <sharesnap/platform/file_lock.h>
 #include <sharesnap/platform/share_admin.h>
 
 namespace command {
@@ -46,12 +48,51 @@ void requireNoLeftovers(const QOVASHARE &share, const std::string &what) {
     }
 }
 
-} // namespace
+// One rename at a time: two that cross each other's names can't be told apart afterwards.
+class RenameLock {
+public:
+    RenameLock() {
+        (void)QOVAShareSnapCreateRunLockShareSnapDir(); // the attempt to lock tells
+        if (QLIBCFileLockTimeByFile("/run/lock/sharesnap/share_rename.lock", 1, 10, &fd_) == 0) {
+            throw Failure(exitFailed, "another rename of a share is under way", "try again when it is done");
+        }
+    }
+    ~RenameLock() { (void)QLIBCFileUnlockByFile(fd_); } // ends with the process at the latest
+    RenameLock(const RenameLock &) = delete;
+    RenameLock &operator=(const RenameLock &) = delete;
 
-int renameShare(const ShareRenaming &renaming) {
-    checkShareName(renaming.newName);
-    const std::string what = "can't rename share " + quoted(renaming.name) + " to " + quoted(renaming.newName);
-    requireRoot(what);
+private:
+    int fd_ = -1;
+};
+
+void requireNoInterruptedRename(const std::string &name) {
+    const auto pending = readIntent(name);
+    if (!pending) {
+        return;
+    }
+    const std::string shown = printable(name);
+    throw Failure(exitRefused,
+                  "a rename of share " + quoted(name) + " to " + quoted(pending->newName) + " was interrupted",
+                  "`sharesnap share rename " + shown + " --finish` or `sharesnap share rename " + shown + " --undo`");
+}
+
+// The library carries settings, list, snapshots and data, and goes back by itself when one of them fails. Until the data
+// have moved the new name stands with the old path: the way back needs it so.
+void moveStores(const QOVASHARE &share, const QOVASHARE &between, const QOVASHARE &moved, const std::string &what) {
+    forgetCause();
+    if (QOVAShareRecordRename(share.szName, between.szName) != 0) {
+        throw libraryFailure(what, share, causeNow());
+    }
+    forgetCause();
+    if (QOVAShareSnapShareRename(&share, &between, dataPath(share).c_str(), dataPath(moved).c_str()) != 0) {
+        // The code may be that of a step on the way back, so it decides nothing.
+        const Cause cause = causeNow();
+        throw Failure(exitFailed, libraryFailure(what, share, cause).message(),
+                      "the system log tells which step failed: journalctl -t sharesnap");
+    }
+}
+
+int beginRename(const ShareRenaming &renaming, const std::string &what) {
     const Share share = requireBtrfsShare(renaming.name, "can't rename");
     requireDataSubvolume(*share, "can't rename");
     requireLocked(*share, what);
@@ -62,36 +103,41 @@ int renameShare(const ShareRenaming &renaming) {
     const QOVASHARE moved = recordWith(*share, newName, newPath);
     requireNothingAt(newPath, what, elsewhere);
     requireNothingAt(dataPath(moved), what, elsewhere);
-
-    // Until the data have moved the new name stands with the old path: the way back needs it so.
     const QOVASHARE between = recordWith(*share, newName, oldPath);
     requireNoLeftovers(between, what);
 
-    forgetCause();
-    if (QOVAShareRecordRename(share->szName, newName.c_str()) != 0) {
-        throw libraryFailure(what, *share, causeNow());
+    const RenameIntent intent{renaming.name, newName, oldPath, newPath};
+    writeIntent(intent);
+    try {
+        moveStores(*share, between, moved, what);
+        return endRename(intent, false);
+    } catch (const Failure &) {
+        (void)endRename(intent, true); // when this fails too, its Failure is told, and the note stays
+        throw;
     }
-    forgetCause();
-    if (QOVAShareSnapShareRename(share.get(), &between, dataPath(*share).c_str(), dataPath(moved).c_str()) != 0) {
-        // The code may be that of a step on the way back, so it decides nothing.
-        const Cause cause = causeNow();
-        (void)QOVAShareRecordRename(newName.c_str(), share->szName); // the failure that is told is the move's
-        throw Failure(exitFailed, libraryFailure(what, *share, cause).message(),
-                      "the system log tells which step failed: journalctl -t sharesnap");
+}
+
+} // namespace
+
+int renameShare(const ShareRenaming &renaming) {
+    if (renaming.finish && renaming.undo) {
+        throw Failure(exitUsage, "--finish and --undo don't go together", "give one of them");
     }
-    forgetCause();
-    if (QOVAShareRecordSet(&moved) != 0) {
-        const Failure failure = libraryFailure("share " + quoted(newName) + " has moved to " + printable(newPath) +
-                                                   ", but its record can't be written",
-                                               moved, causeNow());
-        throw Failure(exitInPart, failure.message(), "set its path in /etc/sharesnap/shares.conf");
+    if (renaming.finish || renaming.undo) {
+        requireRoot("can't rename share " + quoted(renaming.name));
+        const RenameLock lock;
+        const auto pending = readIntent(renaming.name);
+        if (!pending) {
+            throw Failure(exitNotFound, "no rename of share " + quoted(renaming.name) + " was interrupted");
+        }
+        return endRename(*pending, renaming.undo);
     }
-    if (ShareSnapSysLockShareRenameHook(share->szName, newName.c_str()) != 0) {
-        throw Failure(exitInPart,
-                      "share " + quoted(newName) + " is renamed, but the holds of its snapshots didn't go along",
-                      "hold them again under the new name");
-    }
-    return exitDone;
+    checkShareName(renaming.newName);
+    const std::string what = "can't rename share " + quoted(renaming.name) + " to " + quoted(renaming.newName);
+    requireRoot(what);
+    const RenameLock lock;
+    requireNoInterruptedRename(renaming.name);
+    return beginRename(renaming, what);
 }
 
 } // namespace command

@@ -5,6 +5,7 @@
 #include "snapshots.h"
 #include "text.h"
 #include "verbs.h"
+#include "volume_tree.h"
 
 #include <sharesnap/metadata.h>
 
@@ -64,6 +65,7 @@ struct Report {
     Json shares = Json::array();
     int done = 0;
     int failed = 0;
+    bool treesAreTrue = true;
 };
 
 void addToReport(Report &report, const std::string &share, const Difference &difference, bool dryRun) {
@@ -104,6 +106,7 @@ void syncOne(const std::string &name, bool dryRun, Report &report) {
                           "can't sync " + named(*share) + ": list and volume still differ in snapshot " + quoted(first),
                           "the system log tells more: journalctl -t sharesnap");
         }
+        report.treesAreTrue = treeSynced(*share) && report.treesAreTrue;
     }
     addToReport(report, name, before, dryRun);
 }
@@ -146,7 +149,7 @@ int syncShares(const SyncArguments &arguments, const OutputForm &form) {
         report.table.print(form);
     }
     if (report.failed == 0) {
-        return exitDone;
+        return report.treesAreTrue ? exitDone : exitInPart;
     }
     return report.done > 0 ? exitInPart : exitFailed;
 }

@@ -19,5 +19,7 @@ void fillSync(Verb &verb);
 void fillCount(Verb &verb);
 void fillSize(Verb &verb);
 void fillInfo(Verb &verb);
+void fillRestore(Verb &verb);
+void fillTree(Verb &verb);
 
 } // namespace command

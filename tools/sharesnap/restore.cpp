@@ -1,0 +1,152 @@
+// sharesnap restore: brings a share's data back to one of its snapshots.
+#include "actor.h"
+#include "failure.h"
+#include "share_lookup.h"
+#include "text.h"
+#include "verbs.h"
+#include "volume_tree.h"
+
+#include <sharesnap/frame.h>
+#include <sharesnap/lifecycle.h>
+#include <sharesnap/metadata.h>
+#include <sharesnap/platform/error.h>
+#include <sharesnap/platform/subvolume.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace command {
+namespace {
+
+struct RestoreArguments {
+    std::string share;
+    std::string snapshot;
+};
+
+constexpr unsigned int retries = 10;
+
+// Beside the share, so that both can change places in one step.
+std::string standInPath(const QOVASHARE &share, const std::string &volume) {
+    return volume + "/@restore-" + share.szName;
+}
+
+// Subvolumes within the share are in no snapshot of it: they would be lost.
+void requireNothingNested(const QOVASHARE &share, const std::string &volume, const std::string &what) {
+    List all = newList();
+    forgetCause();
+    if (SnapMetaSyncBtrfsListVol(volume.c_str(), all.address()) < 0) {
+        throw libraryFailure(what + ": the volume " + printable(volume) + " can't be read", share, causeNow());
+    }
+    const std::string prefix = dataPath(share).substr(volume.size() + 1) + "/";
+    for (const std::string &path : itemsOf(all)) {
+        if (path.compare(0, prefix.size(), prefix) == 0) {
+            throw Failure(exitRefused, what + ": a subvolume lies in it, which no snapshot holds: " + printable(path),
+                          "move it out of the share first");
+        }
+    }
+}
+
+void requireLocked(const QOVASHARE &share, const std::string &what) {
+    if (isEncrypted(share) && (share.uStatus & QOVA_SHARE_STATUS_UNLOCKED) != 0) {
+        throw Failure(exitRefused, what + ": it is encrypted and unlocked",
+                      "lock it first: unmount " + printable(share.szPath));
+    }
+}
+
+std::string snapshotPath(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
+    (void)requireSnapshot(share, snapshot); // its absence is what is wanted
+    char path[4096] = "";
+    if (QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)) != 1) {
+        throw Failure(exitNotFound, what + ": snapshot " + quoted(snapshot) + " is not at " + printable(path),
+                      "`sharesnap sync " + printable(share.szName) + "` takes it from the list");
+    }
+    return path;
+}
+
+// A stand-in that an interrupted restore left: it is a copy of a snapshot, or what a safety snapshot holds.
+void removeStandIn(const QOVASHARE &share, const std::string &path, const std::string &what) {
+    forgetCause();
+    if (QOVABtrfsDeleteSubvolFaultTolerant(path.c_str()) < 0) {
+        throw libraryFailure(what + ": can't remove " + printable(path), share, causeNow());
+    }
+}
+
+std::string keepPresent(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
+    Hash attributes = newHash();
+    setValue(attributes, "desc", "before the restore to " + snapshot);
+    char name[4096] = "";
+    forgetCause();
+    if (ShareSnapCreateNameConflictRetry(&share, name, sizeof(name), attributes.address(), retries) != 0) {
+        throw libraryFailure(what + ": its present state can't be kept as a snapshot", share, causeNow());
+    }
+    (void)QOVAShareSnapCreateLogSet(&share, name, actorName().c_str(),
+                                    1); // an event that can't be written changes nothing
+    return name;
+}
+
+// The copy and the share change names in one step: there is no moment without the share.
+void exchange(const QOVASHARE &share, const std::string &standIn, const std::string &what) {
+    const std::string data = dataPath(share);
+    if (renameat2(AT_FDCWD, standIn.c_str(), AT_FDCWD, data.c_str(), RENAME_EXCHANGE) == 0) {
+        return;
+    }
+    const int error = errno;
+    (void)QOVABtrfsDeleteSubvolFaultTolerant(standIn.c_str()); // only a copy of the snapshot
+    throw Failure(exitFailed, what + ": " + printable(standIn) + " and " + printable(data) +
+                                  " can't change places: " + std::strerror(error));
+}
+
+int restoreShare(const RestoreArguments &arguments, const OutputForm &form) {
+    const std::string task = "can't restore";
+    requireRoot(task + " share " + quoted(arguments.share));
+    const Share share = requireBtrfsShare(arguments.share, task);
+    requireDataSubvolume(*share, task);
+    const std::string what = task + " " + named(*share);
+    const std::string volume = volumeOf(*share, task);
+    const std::string source = snapshotPath(*share, arguments.snapshot, what);
+    requireLocked(*share, what);
+    requireNothingNested(*share, volume, what);
+    const std::string standIn = standInPath(*share, volume);
+    removeStandIn(*share, standIn, what);
+
+    const std::string kept = keepPresent(*share, arguments.snapshot, what);
+    bool treeIsTrue = treeSnapshotTaken(*share, kept);
+    forgetCause();
+    if (QOVABtrfsSnapshotTake(source.c_str(), standIn.c_str()) != 0) {
+        throw libraryFailure(what + ": no copy of the snapshot at " + printable(standIn), *share, causeNow());
+    }
+    exchange(*share, standIn, what);
+    treeIsTrue = treeShareRestored(*share, arguments.snapshot) && treeIsTrue;
+    forgetCause();
+    const bool removed = QOVABtrfsDeleteSubvolFaultTolerant(standIn.c_str()) == 0;
+    if (!removed) {
+        complain("the share is restored, but what was there before still stands at " + printable(standIn),
+                 "remove it with: btrfs subvolume delete " + printable(standIn));
+    }
+    if (form.json) {
+        Json document = newDocument();
+        document["share"] = share->szName;
+        document["restored"] = arguments.snapshot;
+        document["kept"] = kept;
+        printDocument(document);
+    } else {
+        print("restored to " + printable(arguments.snapshot) + "; what was there is kept as " + printable(kept) + "\n");
+    }
+    return treeIsTrue && removed ? exitDone : exitInPart;
+}
+
+} // namespace
+
+void fillRestore(Verb &verb) {
+    auto arguments = std::make_shared<RestoreArguments>();
+    verb.takes("SHARE", arguments->share, "Name of the share")
+        .takes("SNAPSHOT", arguments->snapshot, "Name of the snapshot to go back to")
+        .runs([arguments, form = &verb.form()] { return restoreShare(*arguments, *form); });
+}
+
+} // namespace command

@@ -1,0 +1,202 @@
+#include "share_move.h"
+
+#include "failure.h"
+#include "share_lookup.h"
+#include "text.h"
+#include "volume_tree.h"
+
+#include <sharesnap/config.h>
+#include <sharesnap/counters.h>
+#include <sharesnap/frame.h>
+#include <sharesnap/lifecycle.h>
+#include <sharesnap/metadata.h>
+#include <sharesnap/platform/error.h>
+#include <sharesnap/platform/share_admin.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace command {
+namespace {
+
+bool exists(const std::string &path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+std::string dataPathOf(const QOVASHARE &share, const std::string &path) {
+    std::string copy = path;
+    QOVASHARE record = share;
+    record.szPath = copy.data();
+    return dataPath(record);
+}
+
+// A share's record under another name and path; the texts are the caller's.
+QOVASHARE recordAs(const QOVASHARE &share, std::string &name, std::string &path) {
+    QOVASHARE record = share;
+    record.szName = name.data();
+    record.szPath = path.data();
+    return record;
+}
+
+// One direction of a rename: everything that stands under `from` goes to `to`. Each step looks at what stands, so it can
+// be taken again after an interruption, and taken backwards with both ends exchanged.
+class Move {
+public:
+    Move(const QOVASHARE &share, RenameIntent intent)
+        : share_(share), intent_(std::move(intent)), oldData_(dataPathOf(share, intent_.oldPath)),
+          newData_(dataPathOf(share, intent_.newPath)) {}
+
+    void run() {
+        moveRecord();
+        moveSettings();
+        moveMetadata();
+        moveSnapshots();
+        moveData();
+        moveHolds();
+        setRecordPath();
+    }
+
+private:
+    const QOVASHARE &share_;
+    RenameIntent intent_;
+    std::string oldData_;
+    std::string newData_;
+
+    [[nodiscard]] std::string what() const {
+        return "can't rename share " + quoted(intent_.oldName) + " to " + quoted(intent_.newName);
+    }
+
+    static bool inDatabase(const std::string &name) {
+        int found = 0;
+        return QLIBShareIsExist(name.c_str(), &found) == 0 && found != 0;
+    }
+
+    void moveRecord() {
+        if (!inDatabase(intent_.oldName) || inDatabase(intent_.newName)) {
+            return;
+        }
+        forgetCause();
+        if (QOVAShareRecordRename(intent_.oldName.c_str(), intent_.newName.c_str()) != 0) {
+            throw libraryFailure(what() + ": its record", share_, causeNow());
+        }
+    }
+
+    void moveSettings() {
+        Hash old = newHash();
+        Hash taken = newHash();
+        if (QOVAShareSnapConfList(intent_.oldName.c_str(), old.address()) != 1 ||
+            QOVAShareSnapConfList(intent_.newName.c_str(), taken.address()) == 1) {
+            return;
+        }
+        forgetCause();
+        if (QOVAShareSnapConfUpdate(intent_.oldName.c_str(), intent_.newName.c_str(), nullptr) != 0) {
+            throw libraryFailure(what() + ": its settings", share_, causeNow());
+        }
+    }
+
+    // Both names with the path where the data stand now: the library looks at it.
+    struct Ends {
+        std::string oldName, newName, path, samePath;
+        QOVASHARE from{}, to{};
+    };
+
+    void fillEnds(Ends &ends) const {
+        ends.oldName = intent_.oldName;
+        ends.newName = intent_.newName;
+        ends.path = exists(oldData_) ? intent_.oldPath : intent_.newPath;
+        ends.samePath = ends.path;
+        ends.from = recordAs(share_, ends.oldName, ends.path);
+        ends.to = recordAs(share_, ends.newName, ends.samePath);
+    }
+
+    void moveMetadata() {
+        Ends ends;
+        fillEnds(ends);
+        char path[4096] = "";
+        if (SnapMetaGetOrCreateFile(&ends.from, path, sizeof(path), 0) != 1 ||
+            SnapMetaGetOrCreateFile(&ends.to, path, sizeof(path), 0) == 1) {
+            return;
+        }
+        forgetCause();
+        if (SnapMetaFileRename(&ends.from, &ends.to) != 0) {
+            throw libraryFailure(what() + ": its list of snapshots", share_, causeNow());
+        }
+    }
+
+    void moveSnapshots() {
+        Ends ends;
+        fillEnds(ends);
+        char path[4096] = "";
+        if (SnapGetOrCreateSubvolumeWithShare(&ends.from, "@sharesnap", path, sizeof(path), 0) != 1 ||
+            SnapGetOrCreateSubvolumeWithShare(&ends.to, "@sharesnap", path, sizeof(path), 0) == 1) {
+            return;
+        }
+        forgetCause();
+        if (SnapshotDirRename(&ends.from, &ends.to) != 0) {
+            throw libraryFailure(what() + ": its snapshots", share_, causeNow());
+        }
+    }
+
+    void moveData() {
+        if (!exists(oldData_) || exists(newData_)) {
+            return;
+        }
+        if (rename(oldData_.c_str(), newData_.c_str()) != 0) {
+            throw Failure(exitFailed, what() + ": " + printable(oldData_) + " to " + printable(newData_) + ": " +
+                                          std::strerror(errno));
+        }
+    }
+
+    void moveHolds() {
+        if (!exists("/run/sharesnap/sys_lock/" + intent_.oldName + ".sharesnap_sys_lock")) {
+            return; // nothing is held, or the claims were moved before
+        }
+        forgetCause();
+        if (ShareSnapSysLockShareRenameHook(intent_.oldName.c_str(), intent_.newName.c_str()) != 0) {
+            throw libraryFailure(what() + ": its holds", share_, causeNow());
+        }
+    }
+
+    void setRecordPath() {
+        std::string name = intent_.newName;
+        std::string path = intent_.newPath;
+        const QOVASHARE record = recordAs(share_, name, path);
+        forgetCause();
+        if (QOVAShareRecordSet(&record) != 0) {
+            throw libraryFailure(what() + ": its record", share_, causeNow());
+        }
+    }
+};
+
+RenameIntent backwards(const RenameIntent &intent) {
+    return {intent.newName, intent.oldName, intent.newPath, intent.oldPath};
+}
+
+// The record under whichever name it has now.
+Share recordOf(const RenameIntent &intent) {
+    QOVASHARE *found = nullptr;
+    if (QOVAShareGet(intent.newName.c_str(), &found) == 0 || QOVAShareGet(intent.oldName.c_str(), &found) == 0) {
+        return Share(found);
+    }
+    throw Failure(exitNotFound,
+                  "no share " + quoted(intent.oldName) + " or " + quoted(intent.newName) +
+                      " is in the list of shares, but a rename between them is noted",
+                  "add the share's record again, then finish or undo the rename");
+}
+
+} // namespace
+
+int endRename(const RenameIntent &intent, bool undo) {
+    const Share share = recordOf(intent);
+    const RenameIntent direction = undo ? backwards(intent) : intent;
+    Move(*share, direction).run();
+    const Share renamed = requireShare(direction.newName);
+    const bool treeIsTrue = treeShareRenamed(*renamed, direction.oldName, direction.newName);
+    removeIntent(intent);
+    return treeIsTrue ? exitDone : exitInPart;
+}
+
+} // namespace command

@@ -1,0 +1,13 @@
+// Bringing a rename that was begun to one of its two ends.
+#pragma once
+
+#include "rename_intent.h"
+
+namespace command {
+
+// Everything that stands under the old name goes to the new one, or with `undo` the other way round; then the note of the
+// rename is removed. Each step looks at what stands, so an interrupted call is simply made again. Gives the exit status,
+// or throws a Failure; the note then stays.
+[[nodiscard]] int endRename(const RenameIntent &intent, bool undo);
+
+} // namespace command

@@ -1,0 +1,336 @@
+#include "volume_tree.h"
+
+#include "failure.h"
+#include "share_lookup.h"
+#include "snapshots.h"
+#include "text.h"
+#include "times.h"
+
+#include <sharesnap/platform/file_operation.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <sstream>
+#include <sys/stat.h>
+
+namespace command {
+namespace {
+
+using namespace QovaSnapTree;
+
+void requireDirectory(const std::string &path) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        return;
+    }
+    throw Failure(exitFailed, "can't make the directory " + printable(path) + " of the snapshot tree",
+                  "move away what stands there");
+}
+
+// Plain directories of root in the volume's top: the library expects both to stand.
+void makeTreeDirectories(const std::string &volume) {
+    const std::string eaDir = volume + "/@eaDir";
+    const std::string temporary = volume + "/@tmp";
+    (void)QOVAEAMKDir(0, eaDir.c_str()); // what came of it is looked at
+    requireDirectory(eaDir);
+    if (mkdir(temporary.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw Failure(exitFailed, "can't make " + printable(temporary) + ": " + std::strerror(errno));
+    }
+    requireDirectory(temporary);
+}
+
+// Drops the lock when a rewrite doesn't come to its save.
+class LockGuard {
+public:
+    explicit LockGuard(SnapTree &tree) : tree_(tree) {}
+    ~LockGuard() { tree_.freeLock(); }
+    LockGuard(const LockGuard &) = delete;
+    LockGuard &operator=(const LockGuard &) = delete;
+
+private:
+    SnapTree &tree_;
+};
+
+void load(const std::string &volume, SnapTree &tree, bool exclusive) {
+    if (tree.loadByVolume(volume, exclusive) != 0) {
+        throw Failure(exitFailed, "can't read the snapshot tree of volume " + printable(volume),
+                      "when " + printable(tree.getFileName(volume)) +
+                          ".broken stands, move the broken file and the mark away, and run `sharesnap sync --all`");
+    }
+}
+
+bool told(const std::string &volume, const std::function<void(SnapTree &)> &rewrite) {
+    try {
+        rewriteTree(volume, rewrite);
+        return true;
+    } catch (const Failure &failure) {
+        complain("what was asked is done, but the snapshot tree isn't up to date: " + failure.message(),
+                 failure.next());
+    } catch (const std::exception &error) {
+        complain("what was asked is done, but the snapshot tree of volume " + printable(volume) +
+                 " isn't up to date: " + error.what());
+    }
+    return false;
+}
+
+// The share's volume, or nothing, with a complaint, when it is gone meanwhile.
+std::string volumeOrComplaint(const QOVASHARE &share) {
+    try {
+        return volumeOf(share, "can't keep the snapshot tree of");
+    } catch (const Failure &failure) {
+        complain(failure.message(), failure.next());
+        return "";
+    }
+}
+
+bool told(const QOVASHARE &share, const std::function<void(SnapTree &)> &rewrite) {
+    const std::string volume = volumeOrComplaint(share);
+    return !volume.empty() && told(volume, rewrite);
+}
+
+bool isOwnSnapshot(const nodeName &name, const std::string &object) {
+    return name.type == NODE_SNAPSHOT && name.objectName == object;
+}
+
+bool isNewer(const nodeName &snapshot, const std::string &than) {
+    const auto time = timeOfName(snapshot.snapName);
+    const auto other = timeOfName(than);
+    return time && other && *time > *other;
+}
+
+// A snapshot that the tree lacks goes to its place in time: below the object, and below those of the object's own
+// snapshots that were taken after it.
+void putSnapshot(SnapTree &tree, const std::string &share, const std::string &snapshot) {
+    const nodeName object = treeObject(share);
+    const nodeName name = treeSnapshot(share, snapshot);
+    ObjectNode *owner = tree.getObject(object);
+    if (owner == nullptr || owner->getSnapshot(name) != nullptr) {
+        return;
+    }
+    BaseNode *below = owner;
+    size_t steps = owner->listSnapshots().size();
+    while (steps-- > 0 && isOwnSnapshot(below->parent(), share) && isNewer(below->parent(), snapshot)) {
+        BaseNode *parent = tree.getNode(below->parent());
+        if (parent == nullptr) {
+            break;
+        }
+        below = parent;
+    }
+    if (below == owner) {
+        (void)tree.insertSnap(object, name); // both names were looked up
+        return;
+    }
+    SnapshotNode node(name, below->parent());
+    node.addChild(below->name());
+    if (BaseNode *parent = tree.getNode(below->parent())) {
+        parent->addChild(name);
+        parent->deleteChild(below->name());
+    }
+    below->changeParent(name);
+    (void)owner->addSnapshot(node);
+}
+
+// The share's node. A share that the tree doesn't know yet is taken in with the snapshots of its list, oldest first.
+void putShare(SnapTree &tree, const QOVASHARE &share) {
+    if (tree.getObject(treeObject(share.szName)) != nullptr) {
+        return;
+    }
+    (void)tree.insertObject(treeObject(share.szName));
+    Selection all;
+    all.hidden = true;
+    for (const Snapshot &snapshot : gatherSnapshots(share, all)) {
+        putSnapshot(tree, share.szName, snapshot.name);
+    }
+}
+
+// Strangers go first: a missing snapshot finds its place among those that are there in truth.
+void syncShare(SnapTree &tree, const QOVASHARE &share) {
+    putShare(tree, share);
+    Selection all;
+    all.hidden = true;
+    const std::vector<Snapshot> snapshots = gatherSnapshots(share, all);
+    std::set<std::string> listed;
+    for (const Snapshot &snapshot : snapshots) {
+        listed.insert(snapshot.name);
+    }
+    for (const nodeName &name : tree.getObject(treeObject(share.szName))->listSnapshots()) {
+        if (listed.count(name.snapName) == 0) {
+            (void)tree.deleteObjectSnap(treeObject(share.szName), name); // it was listed a moment ago
+        }
+    }
+    for (const Snapshot &snapshot : snapshots) {
+        putSnapshot(tree, share.szName, snapshot.name);
+    }
+}
+
+nodeName renamed(const nodeName &name, const std::string &oldName, const std::string &newName) {
+    nodeName changed = name;
+    if ((name.type == NODE_OBJECT || name.type == NODE_SNAPSHOT) && name.objectName == oldName) {
+        changed.objectName = newName;
+    }
+    return changed;
+}
+
+// Tells the parent and the children of a node, those of other names, that it is called otherwise now.
+void relink(SnapTree &tree, const BaseNode &node, const std::string &oldName, const std::string &newName) {
+    const nodeName name = renamed(node.name(), oldName, newName);
+    BaseNode *parent = tree.getNode(node.parent());
+    if (parent != nullptr && !(node.parent().type == NODE_SNAPSHOT && node.parent().objectName == oldName)) {
+        parent->deleteChild(node.name());
+        parent->addChild(name);
+    }
+    for (const nodeName &child : node.listChilds()) {
+        BaseNode *found = tree.getNode(child);
+        if (found != nullptr && renamed(child, oldName, newName).objectName == child.objectName) {
+            found->changeParent(name);
+        }
+    }
+}
+
+SnapshotNode renamedSnapshot(const SnapshotNode &node, const std::string &oldName, const std::string &newName) {
+    SnapshotNode copy(node);
+    copy.changeName(renamed(node.name(), oldName, newName));
+    copy.changeParent(renamed(node.parent(), oldName, newName));
+    for (const nodeName &child : node.listChilds()) {
+        copy.deleteChild(child);
+        copy.addChild(renamed(child, oldName, newName));
+    }
+    return copy;
+}
+
+// Rebuilds the nodes of a share under its new name.
+void renameShare(SnapTree &tree, const std::string &oldName, const std::string &newName) {
+    const ObjectNode *object = tree.getObject(treeObject(oldName));
+    if (object == nullptr || tree.getObject(treeObject(newName)) != nullptr) {
+        return;
+    }
+    ObjectNode copy(*object);
+    copy.changeName(treeObject(newName));
+    copy.changeParent(renamed(object->parent(), oldName, newName));
+    relink(tree, *object, oldName, newName);
+    for (const nodeName &name : object->listSnapshots()) {
+        const SnapshotNode *snapshot = object->getSnapshot(name);
+        relink(tree, *snapshot, oldName, newName);
+        copy.deleteSnapshot(name);
+        (void)copy.addSnapshot(renamedSnapshot(*snapshot, oldName, newName));
+    }
+    tree.deleteObject(treeObject(oldName));
+    (void)tree.addObject(copy);
+}
+
+} // namespace
+
+void rewriteTree(const std::string &volume, const std::function<void(SnapTree &)> &rewrite) {
+    makeTreeDirectories(volume);
+    SnapTree tree;
+    const LockGuard guard(tree);
+    load(volume, tree, true);
+    rewrite(tree);
+    if (!tree.save()) {
+        throw Failure(exitFailed, "can't save the snapshot tree of volume " + printable(volume),
+                      "see whether the volume is full; `sharesnap sync --all` puts the tree right");
+    }
+}
+
+void readTree(const std::string &volume, SnapTree &tree) {
+    const LockGuard guard(tree);
+    load(volume, tree, false);
+}
+
+bool treeSharePut(const QOVASHARE &share) {
+    return told(share, [&](SnapTree &tree) { putShare(tree, share); });
+}
+
+bool treeSnapshotTaken(const QOVASHARE &share, const std::string &snapshot) {
+    return told(share, [&](SnapTree &tree) {
+        putShare(tree, share);
+        putSnapshot(tree, share.szName, snapshot);
+    });
+}
+
+bool treeSnapshotsDeleted(const QOVASHARE &share, const std::vector<std::string> &snapshots) {
+    return told(share, [&](SnapTree &tree) {
+        putShare(tree, share);
+        for (const std::string &snapshot : snapshots) {
+            // One that the tree never knew is as good as deleted.
+            (void)tree.deleteObjectSnap(treeObject(share.szName), treeSnapshot(share.szName, snapshot));
+        }
+    });
+}
+
+bool treeShareCloned(const QOVASHARE &share, const std::string &newName, const std::string &snapshot) {
+    return told(share, [&](SnapTree &tree) {
+        putShare(tree, share);
+        if (snapshot.empty()) {
+            (void)tree.insertObjectClone(treeObject(share.szName), treeObject(newName)); // it stands already otherwise
+            return;
+        }
+        putSnapshot(tree, share.szName, snapshot);
+        (void)tree.insertSnapClone(treeObject(share.szName), treeSnapshot(share.szName, snapshot), treeObject(newName));
+    });
+}
+
+bool treeShareRestored(const QOVASHARE &share, const std::string &snapshot) {
+    return told(share, [&](SnapTree &tree) {
+        putShare(tree, share);
+        putSnapshot(tree, share.szName, snapshot);
+        (void)tree.restoreObject(treeObject(share.szName), treeSnapshot(share.szName, snapshot)); // both stand
+    });
+}
+
+bool treeShareRenamed(const QOVASHARE &share, const std::string &oldName, const std::string &newName) {
+    return told(share, [&](SnapTree &tree) { renameShare(tree, oldName, newName); });
+}
+
+bool treeShareRemoved(const std::string &volume, const std::string &name) {
+    return told(volume, [&](SnapTree &tree) {
+        nodeName whole;
+        whole.type = NODE_SNAPSHOT;
+        (void)tree.deleteObjectSnap(treeObject(name), whole); // a share that the tree never knew
+    });
+}
+
+bool treeSynced(const QOVASHARE &share) {
+    return told(share, [&](SnapTree &tree) { syncShare(tree, share); });
+}
+
+std::vector<const BaseNode *> treeNodes(const SnapTree &tree) {
+    nodeName root;
+    root.type = NODE_ROOT;
+    std::vector<const BaseNode *> nodes = {tree.getNode(root)};
+    std::set<const BaseNode *> seen(nodes.begin(), nodes.end());
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        for (const nodeName &child : nodes[i]->listChilds()) {
+            const BaseNode *found = tree.getNode(child);
+            if (found != nullptr && seen.insert(found).second) {
+                nodes.push_back(found);
+            }
+        }
+    }
+    return nodes;
+}
+
+std::string treeText(const nodeName &name) {
+    std::ostringstream out;
+    out << name;
+    return out.str();
+}
+
+nodeName treeObject(const std::string &share) {
+    nodeName name;
+    name.type = NODE_OBJECT;
+    name.objectName = share;
+    return name;
+}
+
+nodeName treeSnapshot(const std::string &share, const std::string &snapshot) {
+    nodeName name;
+    name.type = NODE_SNAPSHOT;
+    name.objectName = share;
+    name.snapName = snapshot;
+    return name;
+}
+
+} // namespace command
