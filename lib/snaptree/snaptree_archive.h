@@ -29,10 +29,15 @@ public:
     }
 
     // Counts of elements, and in the old form of buckets. An element has at least one byte, but an empty table may have
-    // been saved with room for many.
+    // been saved with room for many; all tables together were not, or a small file would take all memory.
     void load_override(boost::serialization::collection_size_type &count) {
         this->Base::load_override(count);
-        if (static_cast<std::uintmax_t>(count) > std::max<std::uintmax_t>(cbFile_, kMinimumLimit)) {
+        const auto uCount = static_cast<std::uintmax_t>(count);
+        if (uCount > std::max<std::uintmax_t>(cbFile_, kMinimumLimit)) {
+            refuse();
+        }
+        uTotal_ += uCount;
+        if (uTotal_ > 2 * kMinimumLimit + kCountsPerByte * cbFile_) {
             refuse();
         }
     }
@@ -56,12 +61,15 @@ public:
 
 private:
     static constexpr std::uintmax_t kMinimumLimit = 1U << 20;
+    // An empty table takes 20 bytes of the file and has a dozen buckets as a rule, an element of 28 bytes two or three.
+    static constexpr std::uintmax_t kCountsPerByte = 16;
 
     [[noreturn]] static void refuse() {
         throw boost::archive::archive_exception(boost::archive::archive_exception::input_stream_error);
     }
 
     std::uintmax_t cbFile_;
+    std::uintmax_t uTotal_ = 0;
 };
 
 } // namespace QovaSnapTree

@@ -148,6 +148,7 @@ constexpr Verdict kVerdicts[] = {
     {"old-v11-collision", "old-v11-collision.converted"},
     {"old-v11-collision.converted", "old-v11-collision.converted"},
     {"old-v11-rich-buckets0", "old-v11-rich.converted"},
+    {"old-v11-roomy", "old-v11-roomy.converted"},
     {"old-v09-rich", "old-v11-rich.converted"},
     {"old-v07-rich", "old-v11-rich.converted"},
     {"old-v04-rich", "old-v11-rich.converted"},
@@ -179,6 +180,7 @@ constexpr Verdict kVerdicts[] = {
     {"hazard-old-as-v17", nullptr},
     {"hazard-current-as-v11", nullptr},
     {"hazard-old-v11-buckets-2p30", nullptr},
+    {"hazard-old-v11-buckets-64-times", nullptr},
 };
 
 class EveryTreeFile : public TreeFile {
