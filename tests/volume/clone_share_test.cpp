@@ -125,6 +125,39 @@ TEST_F(SnapClone, WithoutASnapshotDirectorySendsPostAlone) {
     EXPECT_FALSE(testkit::exists(testkit::Sandbox::scratch() + "/ears.pre"));
 }
 
+TEST_F(SnapClone, BackEndThatCannotBeFoundSendsPostAlone) {
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/@safe@"));
+    const Record safe("safe", "/vol1/safe", QOVA_SHARE_STATUS_ENCRYPTED);
+    const Record first("first", "/vol1/first", QOVA_SHARE_STATUS_ENCRYPTED);
+    using Init = int(const char *, const char *, QLIBPLUGIN **);
+    using BackEnd = int(const char *, char *, size_t);
+    for (const std::string &unknown : {std::string("/vol1/safe"), std::string("/vol1/first")}) {
+        SCOPED_TRACE(unknown);
+        ASSERT_EQ("", installPlugin("ears", recordingScript("ears")));
+        (void)unlink((testkit::Sandbox::scratch() + "/ears.post").c_str());
+        bool opened = false;
+        const testkit::Replacement<Init> init("QLIBPluginSDKInit",
+                                              [&](const char *name, const char *label, QLIBPLUGIN **plugin) {
+                                                  opened = true;
+                                                  return testkit::real<Init>("QLIBPluginSDKInit")(name, label, plugin);
+                                              });
+        const testkit::Replacement<BackEnd> backEnd(
+            "QLIBShareEncryptPathGet", [&](const char *path, char *text, size_t size) {
+                if (opened && path == unknown) {
+                    setCode(0x8300);
+                    return -1;
+                }
+                return testkit::real<BackEnd>("QLIBShareEncryptPathGet")(path, text, size);
+            });
+        EXPECT_EQ(-1, QOVAShareSnapClone(safe.get(), first.get(), nullptr));
+        EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to get the encrypted path from [" + unknown + "][0x8300 "));
+        EXPECT_EQ("-1", variable(recorded("ears", "post"), "RESULT"));
+        EXPECT_EQ("", variable(recorded("ears", "post"), "SNAPSHOT"));
+        EXPECT_FALSE(testkit::exists(testkit::Sandbox::scratch() + "/ears.pre"));
+        EXPECT_FALSE(testkit::exists("/vol1/@first@"));
+    }
+}
+
 TEST_F(SnapClone, OfAnUnknownSnapshotFails) {
     EXPECT_EQ(-1, clone("GMT-1999.01.01-00.00.00"));
     EXPECT_EQ(0x2A00U, QLIBCErrGet());

@@ -2,6 +2,7 @@
 #include "volume/lifecycle.hpp"
 
 #include <filesystem>
+#include <sys/vfs.h>
 
 using namespace lifecycle;
 
@@ -57,6 +58,35 @@ TEST_F(SnapCreateRollback, NothingIsUndoneBeforeTheCount) {
     EXPECT_EQ(0U, deleted.calls());
 }
 
+TEST_F(SnapCreateRollback, NothingIsUndoneWithoutRoomForHashOrList) {
+    const testkit::CallCount counted("setxattr");
+    {
+        const testkit::Fault fault("QLIBCSzHashAlloc");
+        const testkit::FixedTime clock(++now_);
+        EXPECT_EQ(-1, QOVAShareSnapCreate(share, nullptr, 0, nullptr));
+        EXPECT_TRUE(fault.met());
+        EXPECT_EQ(0x0200U, QLIBCErrGet());
+    }
+    const testkit::Fault fault("QLIBCSzListAlloc");
+    EXPECT_EQ(-1, create());
+    EXPECT_TRUE(fault.met());
+    EXPECT_EQ(0x0200U, QLIBCErrGet());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "QLIBCSzListAlloc() failed"));
+    expectAsBefore();
+    EXPECT_EQ(0U, counted.calls());
+}
+
+TEST_F(SnapCreateRollback, NothingIsUndoneWhenTheCountCannotGoUp) {
+    const testkit::CallCount removed("QLIBCFileRemoveSection");
+    const testkit::Fault count("setxattr", 1, EIO);
+    EXPECT_EQ(-1, create());
+    EXPECT_TRUE(count.met());
+    EXPECT_EQ(1U, count.calls()); // nor put down again
+    EXPECT_EQ(0U, removed.calls());
+    expectAsBefore();
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to increase snapcount for share [docs], ret [-1]. [0x"));
+}
+
 TEST_F(SnapCreateRollback, ClockThatCannotBeReadStops) {
     const testkit::Replacement<time_t(time_t *)> clock("time", [](time_t *) { return time_t(-1); });
     EXPECT_EQ(-1, QOVAShareSnapCreate(share, nullptr, 0, nullptr));
@@ -107,6 +137,87 @@ TEST_F(SnapCreateRollback, CountAndSectionAreUndoneWhenTheReserveCannotBeRead) {
     }
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to statfs [/vol1], errno:(Input/output error)"));
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Fail to parse volume path from [/vol1/docs]"));
+}
+
+// Lets the nth call of a function behind the look at the reserve fail, where the taking of the subvolume begins.
+template <class Signature>
+class FailsWhileTaking;
+
+template <class Result, class... Arguments>
+class FailsWhileTaking<Result(Arguments...)> {
+public:
+    FailsWhileTaking(const std::string &symbol, int nth, Result result, unsigned int code)
+        : function_(symbol,
+                    [=](Arguments... arguments) {
+                        if (reserved_ && --left_ == 0) {
+                            if (code != 0) {
+                                setCode(code);
+                            }
+                            return result;
+                        }
+                        return testkit::real<Result(Arguments...)>(symbol)(arguments...);
+                    }),
+          left_(nth) {}
+    [[nodiscard]] bool met() const { return left_ <= 0; }
+
+private:
+    testkit::Replacement<int(const char *, struct statfs64 *)> reserve_{
+        "statfs64", [this](const char *path, struct statfs64 *info) {
+            reserved_ = true;
+            return ::statfs64(path, info);
+        }};
+    testkit::Replacement<Result(Arguments...)> function_;
+    int left_;
+    bool reserved_ = false;
+};
+
+TEST_F(SnapCreateRollback, CountAndSectionAreUndoneWithoutRoomForTheFacts) {
+    const FailsWhileTaking<QLIBCSZHASH *(size_t)> hash("QLIBCSzHashAlloc", 1, nullptr, 0x0200);
+    EXPECT_EQ(-1, create());
+    EXPECT_TRUE(hash.met());
+    EXPECT_EQ(0x0200U, QLIBCErrGet());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to create snapshot\n[0x0200 "));
+    expectAsBefore();
+}
+
+TEST_F(SnapCreateRollback, CountAndSectionAreUndoneWhenTheDataCannotBeFound) {
+    const FailsWhileTaking<int(const QOVASHARE *, int *)> status("QLIBShareIsEncryptionGet", 1, -1, 0x8300);
+    EXPECT_EQ(-1, create());
+    EXPECT_TRUE(status.met());
+    EXPECT_EQ(0x8300U, QLIBCErrGet());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to get encryption status of share [docs] [0x8300 "));
+    expectAsBefore();
+}
+
+TEST_F(SnapCreateRollback, CountAndSectionAreUndoneWhenTheBackEndCannotBeFound) {
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/@safe@"));
+    const Record record("safe", "/vol1/safe", QOVA_SHARE_STATUS_ENCRYPTED);
+    const FailsWhileTaking<int(const char *, char *, size_t)> backEnd("QLIBShareEncryptPathGet", 1, -1, 0x8300);
+    EXPECT_EQ(-1, QOVAShareSnapCreateNoShareInfo(record.get(), nullptr, 0, nullptr));
+    EXPECT_TRUE(backEnd.met());
+    EXPECT_EQ(0x8300U, QLIBCErrGet());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Get EncPath failed."));
+    EXPECT_EQ("", testkit::readFile("/vol1/@sharesnap/@safe@.meta"));
+}
+
+TEST_F(SnapCreateRollback, CountAndSectionAreUndoneWhenTheDataAreNoSubvolume) {
+    for (const int answer : {0, -1}) {
+        const FailsWhileTaking<int(const char *)> isSubVol("QOVABtrfsIsSubVol", 1, answer, 0);
+        EXPECT_EQ(-1, create());
+        EXPECT_TRUE(isSubVol.met());
+        EXPECT_EQ(0x0D00U, QLIBCErrGet());
+        expectAsBefore();
+    }
+}
+
+// The second look at the encryption is that of the snapshot directory.
+TEST_F(SnapCreateRollback, CountAndSectionAreUndoneWithoutTheSnapshotDirectory) {
+    const FailsWhileTaking<int(const QOVASHARE *, int *)> status("QLIBShareIsEncryptionGet", 2, -1, 0x8300);
+    EXPECT_EQ(-1, create());
+    EXPECT_TRUE(status.met());
+    EXPECT_EQ(0x8300U, QLIBCErrGet());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Fail to create and get snapshot dir for share docs. [0x8300 "));
+    expectAsBefore();
 }
 
 TEST_F(SnapCreateRollback, CountAndSectionAreUndoneWhenTheSubvolumeCannotBeTaken) {

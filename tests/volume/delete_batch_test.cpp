@@ -55,6 +55,17 @@ TEST_F(SnapDelete, EmptyListIsDoneWithoutPlugins) {
     EXPECT_EQ(0U, opened.calls());
 }
 
+TEST_F(SnapDelete, EmptyListLeavesARecordOfNoEntries) {
+    const List list;
+    QLIBCMRESULT *entries = QLIBCMResultInit(QLIBCMResultAlloc(), 2, 0x1500);
+    ASSERT_NE(nullptr, entries);
+    EXPECT_EQ(0, QOVAShareSnapDelete(share, list.get(), &entries));
+    int code = 77;
+    EXPECT_GT(0, QLIBCMResultGetCoreErrorByIndex(entries, 0, &code));
+    EXPECT_EQ(1, QLIBCMResultCoreSuccess(entries));
+    QLIBCMResultFree(entries);
+}
+
 TEST_F(SnapDelete, RefusesHeldSnapshotsAndDeletesTheOthers) {
     const Names names = takeSome(3);
     ASSERT_EQ(1, QOVAShareSnapSysLockIncrement(share, names[1].c_str(), "backup"));
@@ -99,6 +110,7 @@ TEST_F(SnapDelete, SectionWithoutASubvolumeIsNotFoundAndDropped) {
     EXPECT_EQ((Codes{GONE, NOT_FOUND}), codes);
     EXPECT_EQ(Names{names[2]}, sections());
     EXPECT_EQ(2, storedCount()); // only what was deleted here counts
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to check share [docs] snapshot [" + names[1] + "] is subvol[0x"));
 }
 
 TEST_F(SnapDelete, HiddenSnapshotGoesWithoutTheCounter) {

@@ -65,11 +65,11 @@ protected:
 
     // Subvolumes are gone, the metadata is as it was.
     void expectOldMetadataAfter(const std::string &symbol, unsigned int code, bool leavesTemporary = false,
-                                int error = EIO) {
+                                int error = EIO, size_t nth = 1) {
         SCOPED_TRACE(symbol);
         const testkit::Leftovers leftovers({"/vol1/@sharesnap"});
         {
-            const testkit::Fault fault(symbol, 1, error);
+            const testkit::Fault fault(symbol, nth, error);
             EXPECT_EQ(-1, remove({names_[0], hidden_}));
             EXPECT_TRUE(fault.met());
         }
@@ -286,6 +286,13 @@ TEST_F(SnapDeleteOutcome, OldMetadataStaysAfterAShortWrite) {
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to write line in output file[0x"));
 }
 
+// The first pass has read every line and met the end.
+TEST_F(SnapDeleteOutcome, OldMetadataStaysWhenItCannotBeReadAgain) {
+    const auto lines = static_cast<size_t>(std::count(before_.begin(), before_.end(), '\n'));
+    expectOldMetadataAfter("getdelim", 0x0A00, false, EIO, lines + 1 + 3);
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to intput file eof errno:5"));
+}
+
 TEST_F(SnapDeleteOutcome, OldMetadataStaysWhenTheVolumeIsFull) {
     expectOldMetadataAfter("fwrite", 0x2900, false, ENOSPC);
 }
@@ -336,6 +343,118 @@ TEST_F(SnapDeleteOutcome, AnnouncesTheAcceptedNamesAfterAFailedRewrite) {
     const testkit::Fault fault("rename", 1, EIO);
     EXPECT_EQ(-1, remove({names_[0], names_[1]}));
     EXPECT_EQ(names_[0] + " " + names_[1] + " ", variable(recorded("ears", "post"), "SNAPSHOT"));
+}
+
+// What became of the metadata doesn't matter to the count: survivors are put back.
+TEST_F(SnapDeleteOutcome, SurvivorsKeepTheirCountAfterAFailedRewriteToo) {
+    const testkit::Replacement<DeleteList> deletion("QOVABtrfsDeleteSubvolListFaultTolerantEx",
+                                                    [&](const char *directory, const QLIBCSZLIST *list, int *deleted) {
+                                                        return deleteAllBut({names_[1]}, directory, list, deleted);
+                                                    });
+    const testkit::Fault fault("fsync", 1, EIO);
+    EXPECT_EQ(-1, remove({names_[0], names_[1]}));
+    EXPECT_EQ((Codes{SURVIVED, SURVIVED}), codes);
+    EXPECT_EQ(before_, meta());
+    EXPECT_EQ(2, storedCount());
+}
+
+// Neither the put-back of the count nor the last announcement hides why the batch stopped.
+TEST_F(SnapDeleteOutcome, RegisterTellsWhyTheBatchStopped) {
+    ASSERT_EQ("", installPlugin("ears", "exit 0\n"));
+    const testkit::Replacement<DeleteList> deletion("QOVABtrfsDeleteSubvolListFaultTolerantEx",
+                                                    [&](const char *directory, const QLIBCSZLIST *list, int *deleted) {
+                                                        return deleteAllBut({names_[1]}, directory, list, deleted);
+                                                    });
+    const testkit::Replacement<int(int, QLIBPLUGIN *)> action("QLIBPluginAction", [](int phase, QLIBPLUGIN *) {
+        setCode(phase == SNAP_PHASE_POST ? 0x6400 : QLIBCErrGet());
+        return phase == SNAP_PHASE_POST ? -1 : 0;
+    });
+    const testkit::Fault rewrite("rename", 1, EIO);
+    const testkit::Fault count("setxattr", 2, ENOSPC);
+    EXPECT_EQ(-1, remove({names_[0], names_[1]}));
+    EXPECT_TRUE(count.met());
+    EXPECT_EQ(0x2800U, QLIBCErrGet());
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to rollback snapcount for share [docs] [0x"));
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Fail to execute share plugin (POST)"));
+}
+
+// An entry that can't be handed on keeps its first value.
+TEST_F(SnapDeleteOutcome, EntriesThatCannotBeReadOrWrittenAreLogged) {
+    {
+        const testkit::Fault reading("QLIBCMResultGetCoreErrorByIndex");
+        EXPECT_EQ(-1, remove({names_[0], hidden_}));
+        EXPECT_EQ((Codes{SURVIVED, GONE}), codes);
+        EXPECT_TRUE(testkit::logged(LOG_ERR, "QLIBCMResultGetCoreErrorByIndex failed."));
+    }
+    const testkit::Fault writing("QLIBCMResultSetCoreError");
+    EXPECT_EQ(-1, remove({names_[1], names_[2]}));
+    EXPECT_EQ((Codes{SURVIVED, GONE}), codes);
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "QLIBCMResultSetCoreError failed."));
+    EXPECT_EQ(Names{}, standing());
+    EXPECT_EQ(0, storedCount());
+}
+
+// Behind the decrease the first look at the encryption is for the snapshot directory, the third for the share's subvolume.
+TEST_F(SnapDeleteOutcome, ListWhoseDirectoriesCannotBeFoundStaysAndTheOtherGoes) {
+    const std::map<int, std::string> lines{{1, "Fail to get snapshot dir for share docs. [0x8300 "},
+                                           {3, "Failed to get share subvol path of share [docs][0x8300 "}};
+    std::string other = hidden_;
+    for (const auto &line : lines) {
+        SCOPED_TRACE(line.second);
+        bool decreased = false;
+        int left = line.first;
+        {
+            using Set = int(const char *, const char *, const void *, size_t, int);
+            using Encrypted = int(const QOVASHARE *, int *);
+            const testkit::Replacement<Set> set(
+                "setxattr", [&](const char *path, const char *name, const void *value, size_t size, int flags) {
+                    decreased = true;
+                    return ::setxattr(path, name, value, size, flags);
+                });
+            const testkit::Replacement<Encrypted> status(
+                "QLIBShareIsEncryptionGet", [&](const QOVASHARE *record, int *encrypted) {
+                    if (decreased && --left == 0) {
+                        setCode(0x8300);
+                        return -1;
+                    }
+                    return testkit::real<Encrypted>("QLIBShareIsEncryptionGet")(record, encrypted);
+                });
+            EXPECT_EQ(-1, remove({names_[0], other}));
+        }
+        EXPECT_EQ((Codes{SURVIVED, GONE}), codes);
+        EXPECT_EQ(names_, standing());
+        EXPECT_EQ(3, storedCount());
+        EXPECT_TRUE(testkit::logged(LOG_ERR, line.second));
+        EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to delete snapshots in [/vol1/docs][0x8300 "));
+        testkit::logClear();
+        other = take({{"hide", "true"}});
+    }
+}
+
+TEST_F(SnapDeleteOutcome, NothingIsTouchedWithoutRoomForTheNames) {
+    using Init = QLIBCMRESULT *(QLIBCMRESULT *, int, int);
+    using Alloc = QLIBCSZLIST *(size_t);
+    int inits = 0;
+    const testkit::Replacement<Init> init("QLIBCMResultInit", [&](QLIBCMRESULT *record, int count, int code) {
+        ++inits;
+        return testkit::real<Init>("QLIBCMResultInit")(record, count, code);
+    });
+    // Of the private level, which begins with the second record, the first list.
+    const testkit::Replacement<Alloc> alloc("QLIBCSzListAlloc", [&](size_t size) -> QLIBCSZLIST * {
+        if (inits == 2) {
+            inits = 0;
+            setCode(0x0200);
+            return nullptr;
+        }
+        return testkit::real<Alloc>("QLIBCSzListAlloc")(size);
+    });
+    testing::internal::CaptureStdout();
+    const int outcome = remove({names_[0], hidden_});
+    EXPECT_EQ("QLIBCSzListAlloc failed. [0x0200 test.cpp:1]\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(-1, outcome);
+    EXPECT_EQ(before_, meta());
+    EXPECT_EQ(4U, standing().size());
+    EXPECT_EQ(3, storedCount());
 }
 
 TEST_F(SnapDeleteOutcome, FailedUnlockIsOnlyLogged) {
