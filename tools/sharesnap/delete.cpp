@@ -260,9 +260,11 @@ void urgeFileSystem(const QOVASHARE &share) {
 
 void waitForFileSystem(const QOVASHARE &share) {
     constexpr useconds_t pause = 200000;
+    constexpr int patience = 600; // pauses without progress: two minutes
     urgeFileSystem(share);
     Progress progress;
-    for (;;) {
+    uint32_t before = 0;
+    for (int waited = 0;; ++waited) {
         uint32_t count = 0;
         forgetCause();
         if (QOVAShareSnapDeletingCountGet(share.szPath, &count) < 0) {
@@ -272,6 +274,15 @@ void waitForFileSystem(const QOVASHARE &share) {
         }
         if (count == 0) {
             return;
+        }
+        if (count != before) {
+            before = count;
+            waited = 0;
+        } else if (waited >= patience) {
+            throw Failure(exitInPart,
+                          "the snapshots are deleted, but the file system makes no progress with " +
+                              std::to_string(count) + " of " + named(share),
+                          "see who has files in them open (lsof), or don't wait");
         }
         progress.show("the file system is cleaning up " + std::to_string(count) + " snapshots");
         usleep(pause);
