@@ -39,7 +39,7 @@ typedef struct QOVAShareSnapEnum {
    cbPath     its size in bytes
    blCreate   not 0: make it, and the directory above it
    1 it stands; 0 it is missing and blCreate is 0, or it couldn't be made (0x0C00); -1: 0x0D00 bad arguments, 0xC000
-   something else stands there, or another code. Takes no lock. A caller that creates compares with 1. */
+   something else stands there, a link too, or another code. Takes no lock. A caller that creates compares with 1. */
 SHARESNAP_API int SnapMetaGetOrCreateFile(const QOVASHARE *pShare, char *szPath, size_t cbPath, int blCreate);
 
 /* Adds a section, and the file when there is none.
