@@ -34,7 +34,7 @@ file(GLOB sources CONFIGURE_DEPENDS platform/common/*.cpp)
 add_library(platform_common STATIC ${sources})
 set_target_properties(platform_common PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 target_include_directories(platform_common PUBLIC platform)
-target_link_libraries(platform_common PUBLIC sharesnap_headers PkgConfig::LIBBTRFSUTIL Threads::Threads ${CMAKE_DL_LIBS})
+target_link_libraries(platform_common PUBLIC sharesnap_headers Threads::Threads ${CMAKE_DL_LIBS})
 
 # sharesnap_platform_library(NAME [LINKS library...]): one folder under platform/, one shared library.
 set(SHARESNAP_PLATFORM_LIBRARIES "")

@@ -28,7 +28,7 @@ target_compile_definitions(sharesnap_test_support
            SHARESNAP_BTRFS_TOOL="${PROJECT_BINARY_DIR}/libexec/sharesnap/btrfs"
            SHARESNAP_COMMAND="${PROJECT_BINARY_DIR}/bin/sharesnap")
 target_link_libraries(sharesnap_test_support
-    PUBLIC sharesnap_headers GTest::gtest GTest::gmock nlohmann_json::nlohmann_json PkgConfig::LIBBTRFSUTIL
+    PUBLIC sharesnap_headers GTest::gtest GTest::gmock nlohmann_json::nlohmann_json
            Threads::Threads ${CMAKE_DL_LIBS})
 # googletest's macros and headers are not ours to mend.
 target_compile_options(sharesnap_test_support PUBLIC $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)

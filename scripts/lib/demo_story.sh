@@ -149,11 +149,33 @@ if [ -n "$real" ]; then
     hides "$second"
 fi
 
+tell "A share gets another name, and all that belongs to it goes along:"
+snap share rename music songs
+snap share list
+shows /vol1/songs
+
+tell "A bad day in plans. Its files go back to a snapshot; what was there before is kept as one, too:"
+snap create plans --desc 'all is well'
+taken plans
+well=$name
+printf 'Budget: nothing\n' >/vol1/plans/plan.txt
+snap restore plans "$well"
+shows 'what was there is kept as'
+run cat /vol1/plans/plan.txt
+shows 'Budget: 3'
+
 tell "Mistakes are told by name, with a status for scripts:"
 refused 3 list papers
 shows 'no share "papers"'
 refused 2 create docs --attr 'ticket'
 shows 'has no value'
+
+tell "From what does each share and snapshot descend? That is the volume's tree:"
+snap tree /vol1
+shows object/docs
+shows object/plans
+shows object/songs
+snap tree --sources plans
 
 tell "That was the demo. To use it on a server with a Btrfs volume at /vol1, as root:"
 cat <<'END'
