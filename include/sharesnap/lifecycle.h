@@ -35,15 +35,14 @@ enum {
     SNAP_EVENT_DELETE_FAILED = 0x13C00004
 };
 
-/* Creation -----------------------------------------------------------------------------------------------------------
- */
+/* Creation --------------------------------------------------------------------------------------------------------- */
 
 /* Takes a read-only snapshot of a share, with the share's configuration frozen into it. The snapshot is named by the
    clock, announced to plug-ins, counted when it is visible, recorded in the share's metadata and taken.
 
    pShare                  the share. Its data must be a Btrfs subvolume, and the share not forbidden.
    szSnapName, cbSnapName  receives the name, cut to cbSnapName bytes with its end (32 are enough). Null: not wanted.
-                           Written on success alone.
+                           Written when the snapshot was taken, else left alone.
    ppHash                  attributes of the snapshot, at most 64 pairs, keys up to 63 and values up to 511 bytes. Comes
                            back with the defaults added (QOVAShareSnapDefaultAttr), also after a failure; the hash may
                            move. Null: defaults alone. "hide" is "true" or "false"; a hidden snapshot isn't counted and
@@ -103,17 +102,18 @@ SHARESNAP_API int QOVAShareSnapCheckMaxRetry(const QOVASHARE *pShare);
 SHARESNAP_API int QOVAShareSnapCreateLogSet(const QOVASHARE *pShare, const char *szSnapName, const char *szActor,
                                             int blSuccess);
 
-/* Deletion -----------------------------------------------------------------------------------------------------------
- */
+/* Deletion --------------------------------------------------------------------------------------------------------- */
 
 /* Deletes a batch of snapshots: subvolumes, sections of the metadata, their number in the counter. One bad name doesn't
    stop the others.
 
    pListSnap   the names; unchanged
-   ppMResult   address of a record from QLIBCMResultAlloc. It is initialised here, the address may then hold another
-   one; the caller frees what it holds in the end. Entry i belongs to name i of the list: 0 gone SNAP_RESULT_NOT_FOUND
-   no section of that name, or no subvolume to it SNAP_RESULT_LOCKED          someone holds a system lock on it
-   (counters.h) SNAP_ERR_OPERATION_FAILED   still there, or the batch stopped
+   ppMResult   address of a record from QLIBCMResultAlloc. It is initialised here; the address may then hold another
+               record, and what it holds in the end the caller frees. Entry i belongs to name i of the list:
+                 0                          the snapshot is gone
+                 SNAP_RESULT_NOT_FOUND      no section has that name, or there is no subvolume to it
+                 SNAP_RESULT_LOCKED         someone holds a system lock on it (counters.h)
+                 SNAP_ERR_OPERATION_FAILED  it is still there, or the batch stopped
 
    0 when every entry is 0, also for an empty list; else -1, the entries tell. SNAP_ERR_NO_SPACE in the register: the
    metadata could not be rewritten, since the volume is full. What is gone stays gone then, its sections are left to
@@ -140,8 +140,7 @@ SHARESNAP_API int QOVAShareSnapDeleteLogSet(const QOVASHARE *pShare, const char 
    seconds between. */
 SHARESNAP_API int QOVAShareSnapDeletingCountGet(const char *szSharePath, uint32_t *cDeletingCount);
 
-/* Clone --------------------------------------------------------------------------------------------------------------
- */
+/* Clone ------------------------------------------------------------------------------------------------------------ */
 
 /* Makes the data of a new share: a writable Btrfs snapshot of a snapshot, or of the live data, of another share on the
    same volume.
@@ -159,8 +158,7 @@ SHARESNAP_API int QOVAShareSnapDeletingCountGet(const char *szSharePath, uint32_
  */
 SHARESNAP_API int QOVAShareSnapClone(const QOVASHARE *pOrigShare, const QOVASHARE *pNewShare, const char *szSnapName);
 
-/* Plug-in actions ----------------------------------------------------------------------------------------------------
- */
+/* Plug-in actions -------------------------------------------------------------------------------------------------- */
 
 /* Opens the plug-ins named "share_snapshot" into *ppPlugin, which the caller closes with QLIBPluginExit. 0 or -1; no
    plug-in at all is a success. */
@@ -184,8 +182,7 @@ SHARESNAP_API int QOVAShareSnapshotPluginAction(int nPhase, QLIBPLUGIN *pPlugin,
                                                 const QOVASHARE *pNewShare, const QLIBCSZLIST *pSnapList,
                                                 const char *szAction, int nResult);
 
-/* Sizes and notices --------------------------------------------------------------------------------------------------
- */
+/* Sizes and notices ------------------------------------------------------------------------------------------------ */
 
 /* Estimates how many bytes a set of snapshots would take when sent.
 

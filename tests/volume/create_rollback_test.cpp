@@ -307,6 +307,52 @@ TEST_F(SnapCreateRollback, FailedCountRollbackIsLoggedAndTheSectionStillGoes) {
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to rollback snapcount for share [docs] [0x"));
 }
 
+// What is undone and announced, in this order; the frozen configuration of an encrypted share is cleared in between.
+TEST_F(SnapCreateRollback, CountGoesBeforeSectionBeforeConfigurationBeforePost) {
+    ASSERT_EQ("", installPlugin("ears", "exit 0\n"));
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/@safe@"));
+    const Record record("safe", "/vol1/safe", QOVA_SHARE_STATUS_ENCRYPTED);
+    Names steps;
+    using Set = int(const char *, const char *, const void *, size_t, int);
+    using Add = int(const char *, const char *, const QLIBCSZHASH *, const char *);
+    using Remove = int(const char *, const char *);
+    using Execute = int(const char *, char *const *, int);
+    using Action = int(int, QLIBPLUGIN *);
+    const testkit::Replacement<Set> count(
+        "setxattr", [&](const char *path, const char *name, const void *value, size_t size, int flags) {
+            steps.push_back("count " + std::string(static_cast<const char *>(value), 1));
+            return ::setxattr(path, name, value, size, flags);
+        });
+    const testkit::Replacement<Add> add(
+        "QLIBCFileAddSection", [&](const char *file, const char *section, const QLIBCSZHASH *hash, const char *format) {
+            steps.push_back(std::string(section) == "share_info" ? "freeze" : "add");
+            return testkit::real<Add>("QLIBCFileAddSection")(file, section, hash, format);
+        });
+    const testkit::Replacement<Remove> remove("QLIBCFileRemoveSection", [&](const char *file, const char *section) {
+        if (std::string(section) != "share_info") { // an older one goes before the configuration is frozen
+            steps.push_back("remove");
+        }
+        return testkit::real<Remove>("QLIBCFileRemoveSection")(file, section);
+    });
+    const testkit::Replacement<Execute> clear(
+        "QLIBCExecv", [&](const char *program, char *const *arguments, int flags) {
+            steps.push_back("clear");
+            return testkit::real<Execute>("QLIBCExecv")(program, arguments, flags);
+        });
+    const testkit::Replacement<Action> action("QLIBPluginAction", [&](int phase, QLIBPLUGIN *plugin) {
+        steps.push_back(phase == SNAP_PHASE_POST ? "post" : "pre"); // that of the child stays in the child
+        return testkit::real<Action>("QLIBPluginAction")(phase, plugin);
+    });
+    const testkit::Replacement<void(QLIBPLUGIN *)> exit("QLIBPluginExit", [&](QLIBPLUGIN *plugin) {
+        steps.push_back("exit");
+        testkit::real<void(QLIBPLUGIN *)>("QLIBPluginExit")(plugin);
+    });
+    const testkit::FreeSpace space(0);
+    EXPECT_EQ(-1, QOVAShareSnapCreateEx(record.get(), nullptr, 0, nullptr, SNAP_CREATE_BLOCKING_POST));
+    EXPECT_EQ(0xE400U, QLIBCErrGet());
+    EXPECT_EQ((Names{"count 1", "freeze", "add", "count 0", "remove", "clear", "post", "exit"}), steps);
+}
+
 TEST_F(SnapCreateRollback, HiddenSnapshotRollsNoCountBack) {
     const testkit::FreeSpace space(0);
     EXPECT_EQ(-1, create({{"hide", "true"}}));

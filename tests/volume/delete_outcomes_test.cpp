@@ -330,6 +330,31 @@ TEST_F(SnapDeleteOutcome, FailedRenameLeavesTheTemporaryFile) {
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to rename tmp file replace meta file errno:5"));
 }
 
+// The data are on disk before the name changes; the lock is given back when all is closed.
+TEST_F(SnapDeleteOutcome, NewMetadataIsFinishedStepByStep) {
+    Names steps;
+    using OfStream = int(FILE *);
+    const testkit::Replacement<OfStream> flush("fflush",
+                                               [&](FILE *stream) { return steps.push_back("flush"), fflush(stream); });
+    const testkit::Replacement<int(int)> sync("fsync", [&](int fd) { return steps.push_back("sync"), fsync(fd); });
+    const testkit::Replacement<int(int, uid_t, gid_t)> owner(
+        "fchown", [&](int fd, uid_t uid, gid_t gid) { return steps.push_back("owner"), fchown(fd, uid, gid); });
+    const testkit::Replacement<int(int, mode_t)> mode(
+        "fchmod", [&](int fd, mode_t bits) { return steps.push_back("mode"), fchmod(fd, bits); });
+    const testkit::Replacement<OfStream> close("fclose",
+                                               [&](FILE *stream) { return steps.push_back("close"), fclose(stream); });
+    const testkit::Replacement<int(const char *, const char *)> rename(
+        "rename", [&](const char *from, const char *to) { return steps.push_back("rename"), ::rename(from, to); });
+    const testkit::Replacement<int(int)> unlock("QLIBCFileUnlockByFile", [&](int fd) {
+        if (!steps.empty()) { // those of claims and counter come before
+            steps.push_back("unlock");
+        }
+        return testkit::real<int(int)>("QLIBCFileUnlockByFile")(fd);
+    });
+    EXPECT_EQ(0, remove({names_[0], hidden_}));
+    EXPECT_EQ((Names{"flush", "sync", "owner", "mode", "close", "rename", "close", "unlock"}), steps);
+}
+
 // An old full volume isn't this one.
 TEST_F(SnapDeleteOutcome, ErrnoOfAnEarlierCallIsNotTakenForAFullVolume) {
     const testkit::Fault fault("rename", 1, EIO);
