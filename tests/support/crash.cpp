@@ -100,7 +100,7 @@ bool killAtCall(size_t nth, const std::function<void()> &operation) {
 
 size_t CrashSweep::run() const {
     size_t points = 0;
-    for (size_t nth = 1; nth <= most; nth += step) {
+    for (size_t nth = first; nth <= most; nth += step) {
         prepare();
         if (testing::Test::HasFatalFailure() || !killAtCall(nth, operation)) {
             break;

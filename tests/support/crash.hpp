@@ -24,6 +24,7 @@ public:
     std::function<void()> prepare;
     std::function<void()> operation;
     std::function<void(size_t)> check;
+    size_t first = 1; // the calls before it are not looked at: a program's start, for one
     size_t step = 1;
     size_t most = 20000; // an operation with more calls is taken for endless
 
