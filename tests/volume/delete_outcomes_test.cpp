@@ -383,6 +383,18 @@ TEST_F(SnapDeleteOutcome, SurvivorsKeepTheirCountAfterAFailedRewriteToo) {
     EXPECT_EQ(2, storedCount());
 }
 
+// A counter that got lost meanwhile is counted by the new metadata, which shows the survivors already.
+TEST_F(SnapDeleteOutcome, SurvivorsAreNotCountedTwiceWhenTheCounterWasLost) {
+    const testkit::Replacement<DeleteList> deletion("QOVABtrfsDeleteSubvolListFaultTolerantEx",
+                                                    [&](const char *directory, const QLIBCSZLIST *list, int *deleted) {
+                                                        (void)removexattr(directory, "user.snapcount");
+                                                        return deleteAllBut({names_[1]}, directory, list, deleted);
+                                                    });
+    EXPECT_EQ(-1, remove({names_[0], names_[1]}));
+    EXPECT_EQ((Names{names_[1], names_[2], hidden_}), sections());
+    EXPECT_EQ(2, storedCount());
+}
+
 // Neither the put-back of the count nor the last announcement hides why the batch stopped.
 TEST_F(SnapDeleteOutcome, RegisterTellsWhyTheBatchStopped) {
     ASSERT_EQ("", installPlugin("ears", "exit 0\n"));
