@@ -431,7 +431,7 @@ TEST_F(SnapDeleteOutcome, EntriesThatCannotBeReadOrWrittenAreLogged) {
     EXPECT_EQ(0, storedCount());
 }
 
-// Behind the decrease the first look at the encryption is for the snapshot directory, the third for the share's subvolume.
+// Behind the decrease the first look at the encryption is for the snapshot directory, the third for the subvolume.
 TEST_F(SnapDeleteOutcome, ListWhoseDirectoriesCannotBeFoundStaysAndTheOtherGoes) {
     const std::map<int, std::string> lines{{1, "Fail to get snapshot dir for share docs. [0x8300 "},
                                            {3, "Failed to get share subvol path of share [docs][0x8300 "}};
