@@ -17,8 +17,6 @@ namespace {
 constexpr const char *journalProgram = "/usr/lib/systemd/systemd-journald";
 constexpr const char *journalSocket = "/run/systemd/journal/socket";
 
-char *const noMore = nullptr;
-
 // Whether somebody listens: a socket file alone doesn't tell.
 bool journalListens() {
     const int out = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -74,8 +72,9 @@ class Catalog : public testkit::SandboxTest {};
 } // namespace
 
 TEST_F(Journal, EventsCanBeFoundByTheirFields) {
-    ASSERT_EQ(0, QOVALogSet1(9, 1, 0x13C00001, "alice", "GMT-2026.01.02-03.04.05", "my docs", noMore));
-    ASSERT_EQ(0, QOVALogSet1(9, 3, 0x13C00002, "alice", "my docs", "System busy", noMore));
+    ASSERT_EQ(
+        0, QOVALogSet1(9, 1, 0x13C00001, "alice", "GMT-2026.01.02-03.04.05", "my docs", static_cast<char *>(nullptr)));
+    ASSERT_EQ(0, QOVALogSet1(9, 3, 0x13C00002, "alice", "my docs", "System busy", static_cast<char *>(nullptr)));
     const nlohmann::json taken = entryWith("SHARESNAP_EVENT", "0x13C00001");
     EXPECT_EQ("User alice took snapshot GMT-2026.01.02-03.04.05 of shared folder my docs.", taken.value("MESSAGE", ""));
     EXPECT_EQ("6", taken.value("PRIORITY", ""));
@@ -88,7 +87,7 @@ TEST_F(Journal, EventsCanBeFoundByTheirFields) {
 }
 
 TEST_F(Journal, TextsWithLineFeedsArriveWhole) {
-    ASSERT_EQ(0, QOVALogSet1(9, 1, 0x13C00003, "alice\nPRIORITY=0", "docs", "snap", noMore));
+    ASSERT_EQ(0, QOVALogSet1(9, 1, 0x13C00003, "alice\nPRIORITY=0", "docs", "snap", static_cast<char *>(nullptr)));
     const nlohmann::json entry = entryWith("SHARESNAP_EVENT", "0x13C00003");
     EXPECT_EQ("alice\nPRIORITY=0", entry.value("ACTOR", ""));
     EXPECT_EQ("6", entry.value("PRIORITY", ""));

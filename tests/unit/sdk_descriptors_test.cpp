@@ -41,8 +41,6 @@ protected:
     }
 };
 
-char *const noMore = nullptr;
-
 } // namespace
 
 TEST_F(OutOfDescriptors, ShareIsNotTakenForAbsent) {
@@ -97,7 +95,8 @@ TEST_F(OutOfDescriptors, NotificationsAndEventsSayThatTheyWereLost) {
     const testkit::JournalSocket journal;
     QLIBCSZHASH *hash = QLIBCSzHashAlloc(512);
     EXPECT_TRUE(holds([&hash] { return QOVASysNotifySendNotifiction("Tag", &hash) == -1; }));
-    EXPECT_TRUE(holds([] { return QOVALogSet1(9, 1, 0x13C00001, "alice", "snap", "docs", noMore) == -1; }));
+    EXPECT_TRUE(holds(
+        [] { return QOVALogSet1(9, 1, 0x13C00001, "alice", "snap", "docs", static_cast<char *>(nullptr)) == -1; }));
     QLIBCSzHashFree(hash);
     EXPECT_TRUE(journal.entries().empty());
 }

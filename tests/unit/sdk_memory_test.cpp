@@ -86,8 +86,6 @@ QOVASHARE record(const char *name, const char *path, const char *description) {
     share.szDesc = const_cast<char *>(description);
     return share;
 }
-
-char *const noMore = nullptr;
 constexpr const char *longDescription = "a description that is too long to be kept inside of a string object itself";
 
 } // namespace
@@ -168,9 +166,12 @@ TEST_F(OutOfMemory, PluginActionFromBeginningToEnd) {
 
 TEST_F(OutOfMemory, EventIsWrittenWholeOrNotAtAll) {
     const testkit::JournalSocket journal;
-    const size_t points =
-        sweep([] { return QOVALogSet1(9, 1, 0x13C00001, "alice", "GMT-2026.01.02-03.04.05", "docs", noMore); },
-              [&](int result) { EXPECT_EQ(result == 0 ? 1U : 0U, journal.entries().size()); });
+    const size_t points = sweep(
+        [] {
+            return QOVALogSet1(9, 1, 0x13C00001, "alice", "GMT-2026.01.02-03.04.05", "docs",
+                               static_cast<char *>(nullptr));
+        },
+        [&](int result) { EXPECT_EQ(result == 0 ? 1U : 0U, journal.entries().size()); });
     EXPECT_GT(points, 3U);
     EXPECT_EQ(1U, journal.entries().size());
 }
