@@ -74,7 +74,7 @@ double median(std::vector<double> values) {
     return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
-void race(const std::string &title, const std::vector<Contender> &contenders, int rounds) {
+std::vector<double> race(const std::string &title, const std::vector<Contender> &contenders, int rounds) {
     std::vector<std::vector<double>> times(contenders.size());
     for (int round = 0; round <= rounds; ++round) {
         for (size_t turn = 0; turn < contenders.size(); ++turn) {
@@ -86,14 +86,15 @@ void race(const std::string &title, const std::vector<Contender> &contenders, in
         }
     }
     std::printf("%s (%d rounds)\n", title.c_str(), rounds);
-    const double reference = median(times[0]);
+    std::vector<double> medians;
     for (size_t who = 0; who < contenders.size(); ++who) {
-        const double middle = median(times[who]);
+        medians.push_back(median(times[who]));
         const double best = *std::min_element(times[who].begin(), times[who].end());
         std::printf("    %-58s median %s   best %s   ratio %7.2f\n", contenders[who].name.c_str(),
-                    shown(middle).c_str(), shown(best).c_str(), middle / reference);
+                    shown(medians.back()).c_str(), shown(best).c_str(), medians.back() / medians.front());
     }
     std::fflush(stdout);
+    return medians;
 }
 
 double runProgram(const std::vector<std::string> &command) {

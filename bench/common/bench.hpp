@@ -26,8 +26,9 @@ struct Contender {
 [[nodiscard]] double timed(const std::function<void()> &work);
 
 // Lets the contenders take turns, another one first in each round, and prints the median of each, the fastest round,
-// and the ratio of the median to that of the first contender. The first round warms up and isn't counted.
-void race(const std::string &title, const std::vector<Contender> &contenders, int rounds = 9);
+// and the ratio of the median to that of the first contender. The first round warms up and isn't counted. Gives the
+// medians.
+std::vector<double> race(const std::string &title, const std::vector<Contender> &contenders, int rounds = 9);
 
 [[nodiscard]] double median(std::vector<double> values);
 

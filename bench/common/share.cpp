@@ -9,7 +9,10 @@
 
 #include <btrfsutil.h>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <unordered_map>
+#include <vector>
 
 namespace bench {
 namespace {
@@ -57,6 +60,29 @@ std::string snapshotPath(const QOVASHARE &share, const std::string &snapshot) {
 
 std::string listPath(const QOVASHARE &share) {
     return std::string("/vol1/@sharesnap/@") + share.szName + ".meta";
+}
+
+size_t plainList(const std::string &path) {
+    std::vector<std::string> names;
+    std::unordered_map<std::string, std::string> pairs;
+    FILE *file = std::fopen(path.c_str(), "re");
+    must(file != nullptr, path);
+    char *line = nullptr;
+    size_t capacity = 0;
+    ssize_t length = 0;
+    while ((length = getdelim(&line, &capacity, '\n', file)) > 0) {
+        const std::string text(line, static_cast<size_t>(length - 1));
+        const size_t equals = text.find('=');
+        if (text[0] == '[') {
+            names.push_back(text.substr(1, text.size() - 2));
+            pairs.clear();
+        } else if (equals != std::string::npos) {
+            pairs[text.substr(0, equals)] = text.substr(equals + 1);
+        }
+    }
+    std::free(line);
+    (void)std::fclose(file); // it was only read
+    return names.size();
 }
 
 void plantSnapshots(const QOVASHARE &share, int first, int last) {

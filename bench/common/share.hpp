@@ -3,6 +3,7 @@
 
 #include <sharesnap/platform/share.h>
 
+#include <cstddef>
 #include <string>
 
 namespace bench {
@@ -20,6 +21,9 @@ namespace bench {
 [[nodiscard]] std::string snapshotDirectory(const QOVASHARE &share);
 [[nodiscard]] std::string snapshotPath(const QOVASHARE &share, const std::string &snapshot);
 [[nodiscard]] std::string listPath(const QOVASHARE &share);
+
+// How many sections a plain loop with `getdelim` and a hash finds: what one reading of a list costs at least.
+[[nodiscard]] size_t plainList(const std::string &path);
 
 // Takes snapshots with nothing around them and writes their sections and the counter: numbers first to last.
 void plantSnapshots(const QOVASHARE &share, int first, int last);
