@@ -23,7 +23,7 @@ foreach(source IN LISTS sources)
     set_target_properties(bench_${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bench
                                                    ENABLE_EXPORTS ON POSITION_INDEPENDENT_CODE OFF)
     # A release has no checks of the archive headers in it, on either side.
-    target_compile_definitions(bench_${name} PRIVATE $<$<CONFIG:Release>:NDEBUG>)
+    target_compile_definitions(bench_${name} PRIVATE $<$<NOT:$<CONFIG:Debug>>:NDEBUG>)
     target_link_libraries(bench_${name} PRIVATE sharesnap_bench_support qovasharesnapshot
                                                 ${SHARESNAP_PLATFORM_LIBRARIES} PkgConfig::LIBBTRFSUTIL
                                                 Boost::serialization Threads::Threads)

@@ -76,8 +76,9 @@ foreach(room intl_utils frame metadata lifecycle counters config snaptree)
     list(APPEND room_objects $<TARGET_OBJECTS:sharesnap_${room}>)
 endforeach()
 target_link_libraries(sharesnap_snaptree PUBLIC Boost::serialization)
-# A file that ends in its header is refused with an exception, not with an abort.
-target_compile_definitions(sharesnap_snaptree PRIVATE BOOST_DISABLE_ASSERTS)
+# A file that ends in its header is refused with an exception, not with an abort; and without NDEBUG the archive's headers
+# look up the type of the archive for every item.
+target_compile_definitions(sharesnap_snaptree PRIVATE BOOST_DISABLE_ASSERTS $<$<NOT:$<CONFIG:Debug>>:NDEBUG>)
 
 # The linker's version script: the C symbols of lib/exports.txt and the tree's classes; the rest is local.
 set(exports_list ${PROJECT_SOURCE_DIR}/lib/exports.txt)

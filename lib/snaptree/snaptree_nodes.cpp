@@ -19,8 +19,13 @@ class JoinedName {
 public:
     explicit JoinedName(const nodeName &name) {
         char szType[16];
-        const std::to_chars_result end = std::to_chars(szType, szType + sizeof(szType), name.type);
-        const auto cbType = static_cast<std::size_t>(end.ptr - szType);
+        std::size_t cbType = 1;
+        if (name.type >= 0 && name.type < 10) {
+            szType[0] = static_cast<char>('0' + name.type);
+        } else {
+            const std::to_chars_result end = std::to_chars(szType, szType + sizeof(szType), name.type);
+            cbType = static_cast<std::size_t>(end.ptr - szType);
+        }
         cb_ = cbType + name.objectName.size() + name.snapName.size() + name.cloneName.size();
         char *p = buffer_;
         if (cb_ > sizeof(buffer_)) {
@@ -31,8 +36,10 @@ public:
         std::memcpy(p, szType, cbType);
         p += cbType;
         for (const std::string *text : {&name.objectName, &name.snapName, &name.cloneName}) {
-            std::memcpy(p, text->data(), text->size());
-            p += text->size();
+            if (!text->empty()) {
+                std::memcpy(p, text->data(), text->size());
+                p += text->size();
+            }
         }
     }
     JoinedName(const JoinedName &) = delete;

@@ -4,12 +4,14 @@
 #include <sharesnap/frame.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <unordered_set>
 #include <utility>
 
 #include "frame/log.h"
+#include "snaptree/snaptree_access.h"
 #include <sharesnap/snaptree.hpp>
 
 namespace QovaSnapTree {
@@ -357,12 +359,24 @@ bool IsBareClonePoint(const BaseNode &node) {
     return node.name().type == NODE_CLONE_POINT && node.getChildSize() == 0;
 }
 
+template <class Nodes>
+bool HasBareClonePoint(const Nodes &nodes) {
+    return std::any_of(nodes.begin(), nodes.end(), [](const auto &entry) { return IsBareClonePoint(entry.second); });
+}
+
 } // namespace
 
 // Children before parents, on a stack of its own: a chain of snapshots can be as long as memory allows. A node is
 // entered once, so a clone point that is its own descendant ends the walk there. What goes is what the link led to: in a
 // damaged tree a node's own name can be that of another one, on which the walk still stands.
 bool SnapTree::deleteUselessClone(BaseNode &node) {
+    // As a rule there is nothing to prune. To see that takes one pass over the nodes, without a look-up: a walk begins
+    // to prune where it meets a bare clone point, or a snapshot whose own name in a damaged tree is that of one.
+    if (!IsBareClonePoint(node) && !IsBareClonePoint(root) && !HasBareClonePoint(clones) &&
+        std::none_of(objects.begin(), objects.end(),
+                     [](const auto &entry) { return HasBareClonePoint(ArchiveAccess::snapshots(entry.second)); })) {
+        return false;
+    }
     std::vector<PruneFrame> walk;
     std::unordered_set<const BaseNode *> entered{&node};
     walk.emplace_back(&node, node.name());

@@ -7,36 +7,10 @@
 #include <boost/serialization/string.hpp>
 #include <boost/serialization/utility.hpp>
 
+#include "snaptree/snaptree_access.h"
 #include <sharesnap/snaptree.hpp>
 
 namespace QovaSnapTree {
-
-struct ArchiveAccess {
-    // Snapshots, clone points and the root.
-    template <class Archive, class Node>
-    static void inner(Archive &archive, Node &node) {
-        archive &node.selfName;
-        archive &node.parentName;
-        archive &node.childs;
-        archive &node.infos;
-    }
-
-    // An object is a leaf: its children aren't in the file.
-    template <class Archive>
-    static void object(Archive &archive, ObjectNode &node) {
-        archive &node.selfName;
-        archive &node.parentName;
-        archive &node.snapshots;
-        archive &node.infos;
-    }
-
-    template <class Archive>
-    static void tree(Archive &archive, SnapTree &tree) {
-        archive &tree.root;
-        archive &tree.objects;
-        archive &tree.clones;
-    }
-};
 
 template <class Archive>
 void serialize(Archive &archive, nodeName &name, const unsigned int /*version*/) {
