@@ -102,6 +102,25 @@ int LineReader::fill() {
     return nRead > 0 ? 1 : 0;
 }
 
+void LineReader::passOverBodies() {
+    const char *const pBuffer = m_buffer.data();
+    if (m_begin == m_end || pBuffer[m_begin] == '[') {
+        return;
+    }
+    size_t nSearch = m_begin + 1;
+    while (const void *pFound = memchr(pBuffer + nSearch, '[', m_end - nSearch)) {
+        const auto nFound = static_cast<size_t>(static_cast<const char *>(pFound) - pBuffer);
+        if (pBuffer[nFound - 1] == '\n') {
+            m_begin = nFound;
+            return;
+        }
+        nSearch = nFound + 1;
+    }
+    if (const void *pLast = memrchr(pBuffer + m_begin, '\n', m_end - m_begin)) {
+        m_begin = static_cast<size_t>(static_cast<const char *>(pLast) - pBuffer) + 1;
+    }
+}
+
 int LineReader::next(Line &line) {
     size_t cbSearched = 0;
     for (;;) {

@@ -37,7 +37,10 @@ public:
     explicit LineReader(int fd, off_t begin = 0);
     // 1 and the line, 0 at the end, -1 with 0x0A00 when the file can't be read.
     [[nodiscard]] int next(Line &line);
-    // The offset behind the last line taken.
+    // Passes over lines in the buffer that don't begin a section, in one search for all of them. The next line may still
+    // be one of that kind, where the buffer ends.
+    void passOverBodies();
+    // The offset behind the last line taken or passed over.
     [[nodiscard]] off_t position() const { return m_offset + static_cast<off_t>(m_begin); }
 
 private:
@@ -68,6 +71,7 @@ int walkSections(int fd, off_t *pEnd, Function onSection) {
     SectionRange range;
     bool blOpen = false;
     for (;;) {
+        reader.passOverBodies();
         const int nResult = reader.next(line);
         if (nResult < 0) {
             return -1;

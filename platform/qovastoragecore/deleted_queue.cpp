@@ -36,10 +36,13 @@ using IdSet = std::unordered_set<uint64_t>;
 /* Makes a directory unless it stands and opens it; one that another user can write to is refused, since the files in it
    could be any user's then. */
 Descriptor OpenOwnDirectory(const Descriptor &parent, const char *szName, mode_t mode, bool blCreate, bool blPrivate) {
-    if (blCreate && mkdirat(parent.Get(), szName, mode) != 0 && errno != EEXIST) {
-        return Descriptor();
-    }
     Descriptor directory = OpenBeneath(parent.Get(), szName, O_RDONLY | O_DIRECTORY);
+    if (!directory.IsOpen() && errno == ENOENT && blCreate) {
+        if (mkdirat(parent.Get(), szName, mode) != 0 && errno != EEXIST) {
+            return Descriptor();
+        }
+        directory = OpenBeneath(parent.Get(), szName, O_RDONLY | O_DIRECTORY);
+    }
     struct stat status = {};
     if (!directory.IsOpen() || fstat(directory.Get(), &status) != 0) {
         return Descriptor();
