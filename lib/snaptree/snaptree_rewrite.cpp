@@ -48,6 +48,33 @@ void DeleteChildFrom(BaseNode *parent, const nodeName &child) {
     }
 }
 
+// What a rewrite needs to stand, with the line that says that it doesn't.
+ObjectNode *ExistingObject(const SnapTree &tree, const nodeName &object) {
+    ObjectNode *node = tree.getObject(object);
+    if (node == nullptr) {
+        SNAP_LOG(LOG_DEBUG, "Failed to get object node [%s] in tree, it not exist.", object.objectName.c_str());
+    }
+    return node;
+}
+
+SnapshotNode *ExistingSnapshot(const ObjectNode &object, const nodeName &snap) {
+    SnapshotNode *node = object.getSnapshot(snap);
+    if (node == nullptr) {
+        SNAP_LOG(LOG_DEBUG, "Failed to get snap node [%s/%s] in tree, it not exist.", snap.objectName.c_str(),
+                 snap.snapName.c_str());
+    }
+    return node;
+}
+
+bool IsOwned(const nodeName &object, const nodeName &snap) {
+    if (object.objectName == snap.objectName) {
+        return true;
+    }
+    SNAP_LOG(LOG_DEBUG, "snap node [%s/%s] is not belong to object [%s]", snap.objectName.c_str(),
+             snap.snapName.c_str(), object.objectName.c_str());
+    return false;
+}
+
 } // namespace
 
 SnapTree::SnapTree() : lockFd(-1) {
@@ -124,14 +151,8 @@ int SnapTree::insertSnap(const nodeName &object, const nodeName &snap) {
         SNAP_LOG(LOG_ERR, "bad parameter");
         return -1;
     }
-    ObjectNode *node = getObject(object);
-    if (node == nullptr) {
-        SNAP_LOG(LOG_DEBUG, "Failed to get object node [%s] in tree, it not exist.", object.objectName.c_str());
-        return -1;
-    }
-    if (object.objectName != snap.objectName) {
-        SNAP_LOG(LOG_DEBUG, "snap node [%s/%s] is not belong to object [%s]", snap.objectName.c_str(),
-                 snap.snapName.c_str(), object.objectName.c_str());
+    ObjectNode *node = ExistingObject(*this, object);
+    if (node == nullptr || !IsOwned(object, snap)) {
         return -1;
     }
     if (node->getSnapshot(snap) != nullptr) {
@@ -154,20 +175,12 @@ int SnapTree::insertSnapClone(const nodeName &object, const nodeName &snap, cons
         SNAP_LOG(LOG_ERR, "bad parameter");
         return -1;
     }
-    const ObjectNode *node = getObject(object);
-    if (node == nullptr) {
-        SNAP_LOG(LOG_DEBUG, "Failed to get object node [%s] in tree, it not exist.", object.objectName.c_str());
+    const ObjectNode *node = ExistingObject(*this, object);
+    if (node == nullptr || !IsOwned(object, snap)) {
         return -1;
     }
-    if (object.objectName != snap.objectName) {
-        SNAP_LOG(LOG_DEBUG, "snap node [%s/%s] is not belong to object [%s]", snap.objectName.c_str(),
-                 snap.snapName.c_str(), object.objectName.c_str());
-        return -1;
-    }
-    SnapshotNode *snapshot = node->getSnapshot(snap);
+    SnapshotNode *snapshot = ExistingSnapshot(*node, snap);
     if (snapshot == nullptr) {
-        SNAP_LOG(LOG_DEBUG, "Failed to get snap node [%s/%s] in tree, it not exist.", snap.objectName.c_str(),
-                 snap.snapName.c_str());
         return -1;
     }
     if (getObject(newObject) != nullptr) {
@@ -185,9 +198,8 @@ int SnapTree::insertObjectClone(const nodeName &object, const nodeName &newObjec
         SNAP_LOG(LOG_ERR, "bad parameter");
         return -1;
     }
-    ObjectNode *node = getObject(object);
+    ObjectNode *node = ExistingObject(*this, object);
     if (node == nullptr) {
-        SNAP_LOG(LOG_DEBUG, "Failed to get object node [%s] in tree, it not exist.", object.objectName.c_str());
         return -1;
     }
     if (getObject(newObject) != nullptr) {
@@ -215,20 +227,12 @@ int SnapTree::restoreObject(const nodeName &object, const nodeName &snap) {
         SNAP_LOG(LOG_ERR, "bad parameter");
         return -1;
     }
-    ObjectNode *node = getObject(object);
-    if (node == nullptr) {
-        SNAP_LOG(LOG_DEBUG, "Failed to get object node [%s] in tree, it not exist.", object.objectName.c_str());
+    ObjectNode *node = ExistingObject(*this, object);
+    if (node == nullptr || !IsOwned(object, snap)) {
         return -1;
     }
-    if (object.objectName != snap.objectName) {
-        SNAP_LOG(LOG_DEBUG, "snap node [%s/%s] is not belong to object [%s]", snap.objectName.c_str(),
-                 snap.snapName.c_str(), object.objectName.c_str());
-        return -1;
-    }
-    SnapshotNode *snapshot = node->getSnapshot(snap);
+    SnapshotNode *snapshot = ExistingSnapshot(*node, snap);
     if (snapshot == nullptr) {
-        SNAP_LOG(LOG_DEBUG, "Failed to get snap node [%s/%s] in tree, it not exist.", snap.objectName.c_str(),
-                 snap.snapName.c_str());
         return -1;
     }
     DeleteChildFrom(getNode(node->parent()), object);
@@ -242,9 +246,8 @@ int SnapTree::deleteObjectSnap(const nodeName &object, const nodeName &snap) {
         SNAP_LOG(LOG_ERR, "bad parameter");
         return -1;
     }
-    ObjectNode *node = getObject(object);
+    ObjectNode *node = ExistingObject(*this, object);
     if (node == nullptr) {
-        SNAP_LOG(LOG_DEBUG, "Failed to get object node [%s] in tree, it not exist.", object.objectName.c_str());
         return -1;
     }
     if (snap.objectName.empty()) {
@@ -253,9 +256,7 @@ int SnapTree::deleteObjectSnap(const nodeName &object, const nodeName &snap) {
         deleteObject(object);
         return 0;
     }
-    if (object.objectName != snap.objectName) {
-        SNAP_LOG(LOG_DEBUG, "snap node [%s/%s] is not belong to object [%s]", snap.objectName.c_str(),
-                 snap.snapName.c_str(), object.objectName.c_str());
+    if (!IsOwned(object, snap)) {
         return -1;
     }
     SnapshotNode *snapshot = node->getSnapshot(snap);
