@@ -1,6 +1,7 @@
 // sharesnap create: takes a snapshot.
 #include "actor.h"
 #include "failure.h"
+#include "notice.h"
 #include "share_lookup.h"
 #include "text.h"
 #include "times.h"
@@ -104,7 +105,9 @@ std::string takeSnapshot(const QOVASHARE &share, const CreateArguments &argument
     if (result != 0) {
         const Cause cause = causeNow();
         (void)QOVAShareSnapCreateLogSet(&share, nullptr, actor.c_str(), 0); // a missing event doesn't change the result
-        throw libraryFailure("can't take a snapshot of " + named(share), share, cause);
+        const Failure failure = libraryFailure("can't take a snapshot of " + named(share), share, cause);
+        sendNotice(noticeCreateFailed, share, failure.message());
+        throw failure;
     }
     if (QOVAShareSnapCreateLogSet(&share, name, actor.c_str(), 1) != 0) {
         complain("snapshot " + quoted(name) + " of " + named(share) + " stands, but no event could be written for it");

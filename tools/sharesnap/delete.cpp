@@ -2,6 +2,7 @@
 #include "actor.h"
 #include "failure.h"
 #include "holds.h"
+#include "notice.h"
 #include "progress.h"
 #include "share_lookup.h"
 #include "snapshots.h"
@@ -305,6 +306,15 @@ std::vector<Outcome> foresee(const QOVASHARE &share, const std::vector<std::stri
     return outcomes;
 }
 
+// Snapshots that should have gone and stand are worth a notification; a held or unknown one is the caller's affair.
+void notifyOfFailures(const QOVASHARE &share, const std::vector<Outcome> &outcomes) {
+    const auto failed = std::find_if(outcomes.begin(), outcomes.end(),
+                                     [](const Outcome &outcome) { return outcome.code == SNAP_ERR_OPERATION_FAILED; });
+    if (failed != outcomes.end()) {
+        sendNotice(noticeDeleteFailed, share, "snapshot " + failed->snapshot + ": " + failed->reason);
+    }
+}
+
 // The tree loses what was deleted. True when it is true again.
 bool forgetInTree(const QOVASHARE &share, const std::vector<Outcome> &outcomes) {
     std::vector<std::string> gone;
@@ -335,6 +345,7 @@ int deleteSnapshots(const DeleteArguments &arguments, const OutputForm &form) {
     }
     const std::vector<Outcome> outcomes = deleteAll(*share, names);
     const bool treeIsTrue = forgetInTree(*share, outcomes);
+    notifyOfFailures(*share, outcomes);
     printOutcomes(*share, outcomes, form);
     if (arguments.wait) {
         waitForFileSystem(*share);
