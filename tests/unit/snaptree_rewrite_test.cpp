@@ -1,3 +1,4 @@
+#include <sharesnap/frame.h>
 #include <sharesnap/platform/error.h>
 #include <sharesnap/snaptree.hpp>
 #include <sys/resource.h>
@@ -311,7 +312,7 @@ TEST_F(TreeRewrite, SnapshotsOfNobodyGoWithTheirObject) {
 
 // A long chain on a small stack: walks keep their place on the heap.
 TEST_F(TreeRewrite, LongChainsNeedNoDeepStack) {
-    constexpr int kSnaps = 10000;
+    static const int snaps = std::getenv("SHARESNAP_LONG") != nullptr ? 100000 : 10000;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, 512 * 1024);
@@ -319,8 +320,10 @@ TEST_F(TreeRewrite, LongChainsNeedNoDeepStack) {
     const auto work = [](void *argument) -> void * {
         auto *chained = static_cast<SnapTree *>(argument);
         (void)chained->insertObject(objectName("a"));
-        for (int i = 0; i < kSnaps; ++i) {
-            (void)chained->insertSnap(objectName("a"), snapName("a", std::to_string(i)));
+        for (int i = 0; i < snaps; ++i) {
+            char name[64] = "";
+            (void)SnapNameGenerateByTime(name, sizeof(name), 1000000000 + i, 0);
+            (void)chained->insertSnap(objectName("a"), snapName("a", name));
         }
         (void)chained->deleteUselessClone(*chained->getNode(rootName()));
         std::ofstream out("/dev/null");
