@@ -51,13 +51,6 @@ void requireNothingNested(const QOVASHARE &share, const std::string &volume, con
     }
 }
 
-void requireLocked(const QOVASHARE &share, const std::string &what) {
-    if (isEncrypted(share) && (share.uStatus & QOVA_SHARE_STATUS_UNLOCKED) != 0) {
-        throw Failure(exitRefused, what + ": it is encrypted and unlocked",
-                      "lock it first: unmount " + printable(share.szPath));
-    }
-}
-
 std::string snapshotPath(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
     (void)requireSnapshot(share, snapshot); // its absence is what is wanted
     char path[4096] = "";

@@ -90,10 +90,7 @@ int eraseShare(const ShareRemoval &removal) {
     requireRoot("can't remove share " + quoted(removal.name));
     const Share share = requireBtrfsShare(removal.name, "can't remove");
     const std::string what = "can't remove " + named(*share);
-    if (isEncrypted(*share) && (share->uStatus & QOVA_SHARE_STATUS_UNLOCKED) != 0) {
-        throw Failure(exitRefused, what + ": it is encrypted and unlocked",
-                      "lock it first: unmount " + printable(share->szPath));
-    }
+    requireLocked(*share, what);
     const std::string volume = volumeOf(*share, "can't remove");
     announce(*share, snapshotsOnVolume(*share, what));
     requireConsent(removal);

@@ -83,6 +83,13 @@ bool isEncrypted(const QOVASHARE &share) {
     return QLIBShareIsEncryptionGet(&share, &encrypted) == 0 && encrypted != 0;
 }
 
+void requireLocked(const QOVASHARE &share, const std::string &what) {
+    if (isEncrypted(share) && (share.uStatus & QOVA_SHARE_STATUS_UNLOCKED) != 0) {
+        throw Failure(exitRefused, what + ": it is encrypted, and mounted at " + printable(share.szPath),
+                      "unmount it (fusermount -u " + printable(share.szPath) + ") and mount it again afterwards");
+    }
+}
+
 std::string dataPath(const QOVASHARE &share) {
     char path[pathSize] = "";
     forgetCause();

@@ -44,6 +44,8 @@ void requireNothingAt(const std::string &path, const std::string &what, const st
 [[nodiscard]] bool onBtrfs(const QOVASHARE &share);
 
 [[nodiscard]] bool isEncrypted(const QOVASHARE &share);
+// Throws a Failure (refused) for an encrypted share that is mounted: what is changed below a mount would get mixed up.
+void requireLocked(const QOVASHARE &share, const std::string &what);
 
 // Throws a Failure (refused) unless the path is "<volume>/<name>".
 void requireTopOfVolume(const std::string &path, const std::string &volume, const std::string &what);

@@ -26,13 +26,6 @@ QOVASHARE recordWith(const QOVASHARE &share, std::string &name, std::string &pat
     return record;
 }
 
-void requireLocked(const QOVASHARE &share, const std::string &what) {
-    if (isEncrypted(share) && (share.uStatus & QOVA_SHARE_STATUS_UNLOCKED) != 0) {
-        throw Failure(exitRefused, what + ": it is encrypted, and mounted at " + printable(share.szPath),
-                      "unmount it (fusermount -u " + printable(share.szPath) + ") and mount it again afterwards");
-    }
-}
-
 // Snapshots of a share that had this name before would get mixed up with those of this one.
 void requireNoLeftovers(const QOVASHARE &share, const std::string &what) {
     char list[4096] = "";
