@@ -27,6 +27,7 @@
 #include <string>
 #include <string_view>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -101,6 +102,30 @@ struct Tree {
     }
 };
 
+Object &addObject(Tree &tree, const std::string &share) {
+    const Name name = {1, share, "", ""};
+    Object &object = tree.objects[name];
+    object.name = name;
+    return object;
+}
+
+bool insertSnap(Tree &tree, const Name &object, const Name &snap) {
+    const auto owner = tree.objects.find(object);
+    if (owner == tree.objects.end() || owner->second.snapshots.count(snap) != 0) {
+        return false;
+    }
+    const Name above = owner->second.parent;
+    Node &parent = above.type == 0 ? tree.root : tree.objects.at({1, above.object, "", ""}).snapshots.at(above);
+    Node &node = owner->second.snapshots[snap];
+    node.name = snap;
+    node.parent = above;
+    node.childs.insert(object);
+    parent.childs.insert(snap);
+    parent.childs.erase(object);
+    owner->second.parent = snap;
+    return true;
+}
+
 void load(const std::string &path, Tree &tree) {
     std::ifstream in(path, std::ios::binary);
     boost::archive::binary_iarchive archive(in);
@@ -118,6 +143,7 @@ void save(const std::string &path, const Tree &tree) {
 namespace {
 
 using namespace bench;
+using QovaSnapTree::nodeName;
 using QovaSnapTree::SnapTree;
 using testkit::objectName;
 using testkit::snapName;
@@ -130,42 +156,53 @@ std::string share(int number) {
     return "share" + std::to_string(number);
 }
 
-// Ten shares, each with a chain of snapshots, each snapshot taken after the one before.
-void build(SnapTree &tree, int nodes) {
+// Ten shares, each with a chain of snapshots, each snapshot taken after the one before. The names are made beforehand.
+void build(SnapTree &tree, const std::vector<nodeName> &snapshots) {
+    std::vector<nodeName> owners;
     for (int i = 0; i < objects; ++i) {
-        must(tree.insertObject(objectName(share(i))) == 0, "an object");
+        owners.push_back(objectName(share(i)));
+        must(tree.insertObject(owners.back()) == 0, "an object");
     }
-    for (int i = 0; i < nodes; ++i) {
-        const std::string name = share(i % objects);
-        must(tree.insertSnap(objectName(name), snapName(name, snapshotName(i))) == 0, "a snapshot");
+    for (size_t i = 0; i < snapshots.size(); ++i) {
+        must(tree.insertSnap(owners[i % objects], snapshots[i]) == 0, "a snapshot");
     }
 }
 
-// The same nodes and links, put where they belong without a question.
-void build(plain::Tree &tree, int nodes) {
+// The same nodes and links in the same order, each put where it belongs without a question.
+void build(plain::Tree &tree, const std::vector<plain::Name> &snapshots) {
+    std::vector<plain::Object *> owners;
     for (int i = 0; i < objects; ++i) {
-        const plain::Name object = {1, share(i), "", ""};
-        plain::Name parent;
-        auto &entry = tree.objects[object];
-        entry.name = object;
-        for (int number = i; number < nodes; number += objects) {
-            const plain::Name name = {2, share(i), snapshotName(number), ""};
-            plain::Node &node = entry.snapshots[name];
-            node.name = name;
-            node.parent = parent;
-            node.childs.insert(number + objects < nodes ? plain::Name{2, share(i), snapshotName(number + objects), ""}
-                                                        : object);
-            parent = name;
+        owners.push_back(&plain::addObject(tree, share(i)));
+    }
+    for (size_t i = 0; i < snapshots.size(); ++i) {
+        plain::Object &owner = *owners[i % objects];
+        plain::Node &node = owner.snapshots[snapshots[i]];
+        node.name = snapshots[i];
+        node.parent = owner.parent;
+        node.childs.insert(i + objects < snapshots.size() ? snapshots[i + objects] : owner.name);
+        owner.parent = snapshots[i];
+        if (i < objects) {
+            tree.root.childs.insert(snapshots[i]);
         }
-        entry.parent = parent;
-        tree.root.childs.insert({2, share(i), snapshotName(i), ""});
     }
 }
 
-template <class Tree, class Build>
-double building(int nodes, Build function) {
+// The same by the steps of an insertion: is the object there, the snapshot not, where is the parent.
+void buildAsking(plain::Tree &tree, const std::vector<plain::Name> &snapshots) {
+    std::vector<plain::Name> owners;
+    for (int i = 0; i < objects; ++i) {
+        owners.push_back(plain::addObject(tree, share(i)).name);
+        tree.root.childs.insert(owners.back());
+    }
+    for (size_t i = 0; i < snapshots.size(); ++i) {
+        must(plain::insertSnap(tree, owners[i % objects], snapshots[i]), "a snapshot");
+    }
+}
+
+template <class Tree, class Name>
+double building(void (*way)(Tree &, const std::vector<Name> &), const std::vector<Name> &snapshots) {
     const auto tree = std::make_unique<Tree>(); // its end isn't measured
-    return timed([&] { function(*tree, nodes); });
+    return timed([&] { way(*tree, snapshots); });
 }
 
 double libraryLoad() {
@@ -187,9 +224,16 @@ void sync(const char *path) {
 void raceTrees(int nodes) {
     SnapTree tree;
     plain::Tree bare;
+    std::vector<nodeName> names;
+    std::vector<plain::Name> plainNames;
+    for (int i = 0; i < nodes; ++i) {
+        const std::string owner = share(i % objects);
+        names.push_back(snapName(owner, snapshotName(i)));
+        plainNames.push_back({2, owner, snapshotName(i), ""});
+    }
     tree.setTreeFile(treeFile);
-    build(tree, nodes);
-    build(bare, nodes);
+    build(tree, names);
+    build(bare, plainNames);
     must(tree.save(), "save");
     plain::save(plainFile, bare);
     // But for the version of the archive layer the two files are one.
@@ -198,10 +242,10 @@ void raceTrees(int nodes) {
     const std::string title = std::to_string(nodes) + " snapshots in ten shares, ";
     const int rounds = nodes > 10000 ? 5 : 9;
     race(title + "built",
-         {{"maps of plain structs, hashed in a stack buffer",
-           [nodes] { return building<plain::Tree>(nodes, [](plain::Tree &one, int count) { build(one, count); }); }},
-          {"library, insertSnap",
-           [nodes] { return building<SnapTree>(nodes, [](SnapTree &one, int count) { build(one, count); }); }}},
+         {{"maps of plain structs, no questions asked", [&] { return building<plain::Tree>(build, plainNames); }},
+          {"maps of plain structs, the steps of an insertion",
+           [&] { return building<plain::Tree>(buildAsking, plainNames); }},
+          {"library, insertSnap", [&] { return building<SnapTree>(build, names); }}},
          rounds);
     race(title + "saved",
          {{"bare archive, no fsync", [&] { return timed([&] { plain::save(plainFile, bare); }); }},

@@ -48,9 +48,14 @@ struct SHARESNAP_API NodeNameHasher {
     std::uint64_t operator()(const nodeName &name) const;
 };
 
-// Order of every set and map of names: descending hash. Names of equal hash are one key.
+// Order of every set and map of names: descending hash. Names of equal hash are one key. A look-up can go by the hash of
+// the name that is looked for, which is then worked out once and not for every node on the way.
 struct SHARESNAP_API NodeNameComparator {
+    using is_transparent = void;
+
     bool operator()(const nodeName &a, const nodeName &b) const;
+    bool operator()(const nodeName &a, std::uint64_t hash) const;
+    bool operator()(std::uint64_t hash, const nodeName &b) const;
 };
 
 // "root", "object/<object>", "snap/<object>/<snapshot>" or "clone/<number>".
@@ -124,6 +129,10 @@ public:
 
 private:
     friend struct ArchiveAccess;
+    friend class SnapTree;
+    // A new snapshot without children. Null when there is one of this name.
+    SnapshotNode *newSnapshot(const nodeName &snap, const nodeName &parent);
+
     std::map<nodeName, SnapshotNode, NodeNameComparator> snapshots;
 };
 

@@ -6,6 +6,8 @@
 #include <functional>
 #include <ostream>
 #include <string_view>
+#include <tuple>
+#include <utility>
 
 #include "frame/log.h"
 #include <sharesnap/snaptree.hpp>
@@ -14,44 +16,39 @@ namespace QovaSnapTree {
 
 namespace {
 
-// The joined text of a name, in a stack buffer as a rule: every comparison of two names hashes both.
-class JoinedName {
-public:
-    explicit JoinedName(const nodeName &name) {
-        char szType[16];
-        std::size_t cbType = 1;
-        if (name.type >= 0 && name.type < 10) {
-            szType[0] = static_cast<char>('0' + name.type);
-        } else {
-            const std::to_chars_result end = std::to_chars(szType, szType + sizeof(szType), name.type);
-            cbType = static_cast<std::size_t>(end.ptr - szType);
-        }
-        cb_ = cbType + name.objectName.size() + name.snapName.size() + name.cloneName.size();
-        char *p = buffer_;
-        if (cb_ > sizeof(buffer_)) {
-            heap_.resize(cb_);
-            p = heap_.data();
-        }
-        p_ = p;
-        std::memcpy(p, szType, cbType);
-        p += cbType;
-        for (const std::string *text : {&name.objectName, &name.snapName, &name.cloneName}) {
-            if (!text->empty()) {
-                std::memcpy(p, text->data(), text->size());
-                p += text->size();
-            }
-        }
-    }
-    JoinedName(const JoinedName &) = delete;
-    JoinedName &operator=(const JoinedName &) = delete;
-    [[nodiscard]] std::string_view view() const { return {p_, cb_}; }
+constexpr std::size_t kTypeDigits = 11; // of a 32-bit number, with its sign
 
-private:
-    char buffer_[512];
-    std::string heap_;
-    const char *p_ = nullptr;
-    std::size_t cb_ = 0;
-};
+char *AppendType(char *p, std::int32_t type) {
+    if (type >= 0 && type < 10) {
+        *p = static_cast<char>('0' + type);
+        return p + 1;
+    }
+    return std::to_chars(p, p + kTypeDigits, type).ptr;
+}
+
+char *AppendText(char *p, const std::string &text) {
+    if (!text.empty()) { // as a rule two of the three texts of a name are
+        std::memcpy(p, text.data(), text.size());
+    }
+    return p + text.size();
+}
+
+// Each comparison of two names hashes both: the joined text stands in a stack buffer as a rule.
+std::uint64_t HashOf(const nodeName &name) {
+    char szJoined[512];
+    std::string longer;
+    char *joined = szJoined;
+    const std::size_t cbMax = kTypeDigits + name.objectName.size() + name.snapName.size() + name.cloneName.size();
+    if (cbMax > sizeof(szJoined)) {
+        longer.resize(cbMax);
+        joined = longer.data();
+    }
+    char *p = AppendType(joined, name.type);
+    p = AppendText(p, name.objectName);
+    p = AppendText(p, name.snapName);
+    p = AppendText(p, name.cloneName);
+    return std::hash<std::string_view>()({joined, static_cast<std::size_t>(p - joined)});
+}
 
 } // namespace
 
@@ -63,12 +60,19 @@ nodeName &nodeName::operator=(nodeName &&other) noexcept = default;
 nodeName::~nodeName() = default;
 
 std::uint64_t NodeNameHasher::operator()(const nodeName &name) const {
-    return std::hash<std::string_view>()(JoinedName(name).view());
+    return HashOf(name);
 }
 
 bool NodeNameComparator::operator()(const nodeName &a, const nodeName &b) const {
-    const NodeNameHasher hasher;
-    return hasher(a) > hasher(b);
+    return HashOf(a) > HashOf(b);
+}
+
+bool NodeNameComparator::operator()(const nodeName &a, std::uint64_t hash) const {
+    return HashOf(a) > hash;
+}
+
+bool NodeNameComparator::operator()(std::uint64_t hash, const nodeName &b) const {
+    return hash > HashOf(b);
 }
 
 std::ostream &operator<<(std::ostream &out, const nodeName &name) {
@@ -115,7 +119,10 @@ void BaseNode::addChild(const nodeName &child) {
 }
 
 void BaseNode::deleteChild(const nodeName &child) {
-    childs.erase(child);
+    const auto found = childs.find(HashOf(child));
+    if (found != childs.end()) {
+        childs.erase(found);
+    }
 }
 
 std::list<nodeName> BaseNode::listChilds() const {
@@ -158,12 +165,24 @@ SnapshotNode *ObjectNode::addSnapshot(const SnapshotNode &node) {
     return &stored;
 }
 
+SnapshotNode *ObjectNode::newSnapshot(const nodeName &snap, const nodeName &parent) {
+    const std::uint64_t hash = HashOf(snap);
+    const auto place = snapshots.lower_bound(hash);
+    if (place != snapshots.end() && !snapshots.key_comp()(hash, place->first)) {
+        return nullptr;
+    }
+    return &snapshots
+                .emplace_hint(place, std::piecewise_construct, std::forward_as_tuple(snap),
+                              std::forward_as_tuple(snap, parent))
+                ->second;
+}
+
 void ObjectNode::deleteSnapshot(const nodeName &snap) {
     snapshots.erase(snap);
 }
 
 SnapshotNode *ObjectNode::getSnapshot(const nodeName &snap) const {
-    const auto found = snapshots.find(snap);
+    const auto found = snapshots.find(HashOf(snap));
     // A const look-up that gives a writable node is the interface; the map itself isn't changed by it.
     return found == snapshots.end() ? nullptr : const_cast<SnapshotNode *>(&found->second);
 }

@@ -66,6 +66,14 @@ SnapshotNode *ExistingSnapshot(const ObjectNode &object, const nodeName &snap) {
     return node;
 }
 
+// The parent of an object, which stands in the tree under the given name, is a snapshot of its own as a rule.
+BaseNode *ParentOf(const SnapTree &tree, const nodeName &object, const ObjectNode &node) {
+    const nodeName &parent = node.parent();
+    const bool isOwn = parent.type == NODE_SNAPSHOT && parent.objectName == object.objectName &&
+                       object.snapName.empty() && object.cloneName.empty();
+    return isOwn ? node.getSnapshot(parent) : tree.getNode(parent);
+}
+
 bool IsOwned(const nodeName &object, const nodeName &snap) {
     if (object.objectName == snap.objectName) {
         return true;
@@ -86,12 +94,12 @@ SnapTree::SnapTree() : lockFd(-1) {
 SnapTree::~SnapTree() = default;
 
 ObjectNode *SnapTree::getObject(const nodeName &object) const {
-    const auto found = objects.find(object);
+    const auto found = objects.find(NodeNameHasher()(object));
     return found == objects.end() ? nullptr : const_cast<ObjectNode *>(&found->second);
 }
 
 ClonePointNode *SnapTree::getClone(const nodeName &clone) const {
-    const auto found = clones.find(clone);
+    const auto found = clones.find(NodeNameHasher()(clone));
     return found == clones.end() ? nullptr : const_cast<ClonePointNode *>(&found->second);
 }
 
@@ -155,18 +163,17 @@ int SnapTree::insertSnap(const nodeName &object, const nodeName &snap) {
     if (node == nullptr || !IsOwned(object, snap)) {
         return -1;
     }
-    if (node->getSnapshot(snap) != nullptr) {
+    BaseNode *parent = ParentOf(*this, object, *node);
+    SnapshotNode *snapshot = node->newSnapshot(snap, node->parent());
+    if (snapshot == nullptr) {
         SNAP_LOG(LOG_DEBUG, "Failed to insert snap node [%s/%s] in tree, it aleardy exist.", snap.objectName.c_str(),
                  snap.snapName.c_str());
         return -1;
     }
-    SnapshotNode snapshot(snap, node->parent());
-    snapshot.addChild(object);
-    BaseNode *parent = getNode(node->parent());
+    snapshot->addChild(object);
     AddChildTo(parent, snap);
     DeleteChildFrom(parent, object);
     node->changeParent(snap);
-    node->addSnapshot(snapshot);
     return 0;
 }
 
