@@ -94,10 +94,20 @@ private:
         return m_levels.size() < 2 ? m_nParent : dirfd(m_levels[m_levels.size() - 2].directory.get());
     }
 
-    /* Moves a directory out of the deepest open one into the first. */
+    /* Moves a directory out of the deepest open one into the first. A name can be taken: by what a removal that was
+       interrupted has left behind. */
     bool MoveUp(int nParent, const char *szName) {
-        const std::string szNew = ".removed." + std::to_string(++m_ulMoved);
-        return renameat(nParent, szName, dirfd(m_levels.front().directory.get()), szNew.c_str()) == 0;
+        const int nFirst = dirfd(m_levels.front().directory.get());
+        while (m_nMoved < MOST_MOVES) {
+            const std::string szNew = ".removed." + std::to_string(++m_nMoved);
+            if (renameat(nParent, szName, nFirst, szNew.c_str()) == 0) {
+                return true;
+            }
+            if (errno != EEXIST && errno != ENOTEMPTY && errno != ENOTDIR) {
+                return false;
+            }
+        }
+        return false;
     }
 
     /* Treats the next entry of the innermost directory, or removes that directory once it is empty. */
@@ -135,11 +145,12 @@ private:
     }
 
     static constexpr int MOST_REWINDS = 100000;
+    static constexpr int MOST_MOVES = 1000000;
 
     int m_nParent;
     std::string m_szName;
     std::vector<Level> m_levels;
-    unsigned long m_ulMoved = 0;
+    int m_nMoved = 0;
     int m_nRewound = 0;
 };
 

@@ -110,10 +110,10 @@ TEST_F(EaDirectory, RemovalFollowsNoLink) {
     EXPECT_TRUE(exists(elsewhere + "/@eaDir"));
 }
 
-TEST_F(EaDirectory, IsRemovedHoweverDeepItIs) {
-    ASSERT_EQ(0, mkdir(m_ea.c_str(), 0755));
-    int at = open(m_ea.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (int i = 0; i < 3000; ++i) {
+// A row of directories, each in the one before, below the given one.
+void makeDeep(const std::string &top, int depth) {
+    int at = open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int i = 0; i < depth; ++i) {
         ASSERT_EQ(0, mkdirat(at, "deeper and deeper", 0755));
         const int next = openat(at, "deeper and deeper", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         ASSERT_LE(0, next);
@@ -121,6 +121,24 @@ TEST_F(EaDirectory, IsRemovedHoweverDeepItIs) {
         at = next;
     }
     close(at);
+}
+
+TEST_F(EaDirectory, IsRemovedHoweverDeepItIs) {
+    ASSERT_EQ(0, mkdir(m_ea.c_str(), 0755));
+    makeDeep(m_ea, 3000);
+    EXPECT_EQ(0, remove());
+    EXPECT_FALSE(exists(m_ea));
+}
+
+TEST_F(EaDirectory, WhoseRemovalWasInterruptedIsRemovedByTheNextOne) {
+    // What a removal moves up to empty it later stands under such names. Whichever of them is entered first, another one
+    // of them is in the way of what has to be moved up.
+    ASSERT_EQ(0, mkdir(m_ea.c_str(), 0755));
+    for (const char *left : {"/.removed.1", "/.removed.2"}) {
+        ASSERT_EQ(0, mkdir((m_ea + left).c_str(), 0755));
+        makeDeep(m_ea + left, 300);
+    }
+    ASSERT_EQ(0, close(creat((m_ea + "/.removed.3").c_str(), 0644)));
     EXPECT_EQ(0, remove());
     EXPECT_FALSE(exists(m_ea));
 }
