@@ -32,14 +32,12 @@ struct FileState {
                changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
     }
 
-    // The clock that stamps files ticks in milliseconds. Only when the last change lies further back than that does a
-    // further change show in the times.
+    // Files are stamped by a clock that ticks in milliseconds. Once it shows a later time than that of the last change, a
+    // further change shows in the times.
     [[nodiscard]] bool isSettled() const {
-        timespec now{};
-        (void)clock_gettime(CLOCK_REALTIME, &now); // can't fail for this clock
-        const long long ageNs =
-            static_cast<long long>(now.tv_sec - changed.tv_sec) * 1000000000LL + (now.tv_nsec - changed.tv_nsec);
-        return ageNs > 50000000LL;
+        timespec tick{};
+        (void)clock_gettime(CLOCK_REALTIME_COARSE, &tick); // can't fail for this clock
+        return tick.tv_sec > changed.tv_sec || (tick.tv_sec == changed.tv_sec && tick.tv_nsec > changed.tv_nsec);
     }
 };
 
