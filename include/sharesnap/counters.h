@@ -75,7 +75,8 @@ SHARESNAP_API int QOVAShareSnapSyncGlobalSnapCount(void);
    szSnapshot    name of the snapshot, which need not exist
    szInitiator   name of the initiator, without '=' and line feeds; not checked against any list
    1; -1: the claim is as it was: 0x0D00 a null argument (nothing is logged), 0x0400 the lock wasn't had in 10 seconds,
-   0xA000 or 0x0C00 a directory below /run can't be had, 0x0900 the file of claims can't be opened, 0x2900 no space, or
+   0xA000 something else stands in the place of a directory below /run, 0x0900 the file of claims or the directory above
+   it can't be opened, 0x2900 no space, or
    another code of the file's writer. A claim of 4294967295 stays.
    Takes the exclusive lock of the share's claims; waits up to 10 seconds. */
 SHARESNAP_API int QOVAShareSnapSysLockIncrement(const QOVASHARE *pShare, const char *szSnapshot,
@@ -92,7 +93,7 @@ SHARESNAP_API int QOVAShareSnapSysLockRemove(const QOVASHARE *pShare, const char
 
 /* Reads the count of an initiator's claim.
    pShare, szSnapshot, szInitiator   as above
-   pCount                            receives the count, 0 without a claim and on a failure behind the argument checks
+   pCount                            receives the count, 0 without a claim; left alone when the lock wasn't had
    1, also without a claim; -1 as above. An empty file of claims is made when there is none.
    Takes the lock of the share's claims shared; waits up to 10 seconds. */
 SHARESNAP_API int QOVAShareSnapSysLockGet(const QOVASHARE *pShare, const char *szSnapshot, const char *szInitiator,

@@ -56,7 +56,9 @@ enum {
      SNAP_ERR_LOW_RESERVED_SPACE  less than 100 MB would stay free on the volume
      SNAP_ERR_NO_SPACE            the volume is full
      SNAP_ERR_TOO_MANY_ATTRIBUTES, SNAP_ERR_ATTR_TOO_LONG, SNAP_ERR_BAD_PARAMETER  the attributes
-     and the codes of what it calls. After a failure count, metadata and subvolume are as before.
+     and the codes of what it calls. After a failure count, metadata and subvolume are as before, but for two cases: when
+     a step back fails too, what it should have undone stays (the log says so); and after a -2 by a code that an earlier
+     call had left in the register the snapshot can stand without its section. QOVAShareSnapMetaSync mends both.
 
    Waits: up to 10 seconds for the PRE action, which can't stop the snapshot by failing or by being slow, then for the
    metadata lock (10 s) and the counter lock (5 s), each held for single steps. The POST action is sent in every case

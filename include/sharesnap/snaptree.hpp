@@ -180,21 +180,33 @@ public:
     // result. Loads the volume's tree into this object under the shared lock and drops the lock again. 0 or -1.
     int findCloneSrcSnap(const std::string &volume, const std::string &object, const std::string &path,
                          std::vector<nodeName> &result);
+    // Writes the whole tree as text, the root first. Ask the stream whether it was written.
     void printTree(std::ofstream &out) const;
 
     // "/<last component of volume>/@eaDir/snaptree.bin".
     std::string getFileName(const std::string &volume) const;
+    // The path that load and save use from now on; the tree in memory stays as it is.
     void setTreeFile(const std::string &path);
-    // The lock's handle or -1; waits up to 100 seconds.
+    // The lock's handle or -1; waits up to 100 seconds. The object doesn't keep the handle.
     int lockSnapTreeFile(const std::string &volume, bool blExclusive);
+    // Drops the lock that loadByVolume took; nothing without one. A lock that can't be dropped stays, with a line in
+    // the log.
     void freeLock();
     // 0 with the lock held, also when the volume has no tree yet; -1, with the lock still held when only the load
-    // failed. A file of the old form is converted and saved while loading, which drops the lock.
+    // failed. A file of the old form is converted and saved while loading, which drops the lock. Not with the lock of
+    // an earlier call still held: that one would be lost.
     int loadByVolume(const std::string &volume, bool blExclusive);
+    // Reads the tree file into this tree, which should be empty. False: the file can't be read, or one that couldn't
+    // stands marked (<tree file>.broken). It is marked then, and refused until somebody takes the mark away. The lock
+    // is the caller's business.
     bool load();
-    // Writes the tree through a temporary file in the volume's @tmp and drops the lock, on failure too.
+    // Writes the tree through a temporary file in the volume's @tmp, which has to be there, and drops the lock, on
+    // failure too. False: the file is as it was. Clone points without children go, in memory too. Descriptors 0 to 2
+    // must be open, or the file is taken for a failure.
     bool save();
+    // Converts the tree file from the old form and saves it, which drops the lock. load calls it.
     bool loadByOldSnapTree();
+    // Does nothing: a program that calls it is bound to this library and finds out so whether it has trees.
     void support();
 
 private:

@@ -179,7 +179,8 @@ bool SnapTree::load() {
 
 namespace {
 
-// Writes tree to szPath; the useless clone points go behind the header, in memory, and so never reach the file.
+// Writes the tree to szPath. Clone points without children are pruned once the archive's header is written; the file
+// never holds them.
 bool WriteArchive(SnapTree *pTree, BaseNode *pRoot, const char *szVolume, const char *szPath) {
     try {
         std::ofstream out(szPath, std::ios::binary | std::ios::out | std::ios::trunc);
