@@ -3,12 +3,15 @@
 #include <sharesnap/frame.h>
 #include <sharesnap/metadata.h>
 #include <sharesnap/platform/section_file.h>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <initializer_list>
+#include <memory>
+#include <new>
 
 #include "frame/log.h"
 #include "frame/metadata_lock.h"
@@ -22,6 +25,7 @@ constexpr size_t kPathSize = 4096;
 constexpr size_t kSectionSize = 1024;
 constexpr size_t kHashSize = 1024;
 constexpr size_t kListSize = 512;
+constexpr size_t kStreamBufferSize = 32768;
 constexpr size_t kGeneratedNameSize = 255;
 
 // A line of any length; the memory is used again for the next.
@@ -73,14 +77,15 @@ int TakePair(const char *szLine, QLIBCSZLIST **ppPair, QLIBCSZHASH **ppHash) {
 
 // Reads the pairs up to the next line that begins with a bracket and leaves the stream in front of that. 0 or -1.
 int ReadBody(LineReader *pReader, FILE *pStream, QLIBCSZLIST **ppPair, QLIBCSZHASH **ppHash) {
-    // Behind an empty section this leads back to the start: its result of 0 ends every reading.
-    long nBehindPair = 0;
+    bool blEmpty = true;
     while (pReader->next()) {
         if (pReader->line()[0] == '[') {
+            // Behind an empty section back to the start: its result of 0 ends every reading.
+            const long nBehindPair = blEmpty ? 0 : std::ftell(pStream) - static_cast<long>(pReader->length());
             (void)std::fseek(pStream, nBehindPair, SEEK_SET); // a failure shows as the end of the file
             return 0;
         }
-        nBehindPair = std::ftell(pStream);
+        blEmpty = false;
         if (TakePair(pReader->line(), ppPair, ppHash) < 0) {
             return -1;
         }
@@ -88,8 +93,9 @@ int ReadBody(LineReader *pReader, FILE *pStream, QLIBCSZLIST **ppPair, QLIBCSZHA
     return 0;
 }
 
-// What one listing holds. The lock goes first, then the hash, then the stream.
+// What one listing holds. The lock goes first, then the hash, then the stream, then its buffer.
 struct Listing {
+    std::unique_ptr<char[]> buffer;
     ReadStreamOwner stream;
     HashOwner hash;
     MetadataLock lock;
@@ -109,6 +115,22 @@ int LockAsRoot(const QOVASHARE *pShare, MetadataLock *pLock) {
         return -1;
     }
     return 0;
+}
+
+// Opens the file for a listing. The end of a section leads back by a line, so the stream gets a buffer that seldom ends
+// within one; and it is no other thread's, so nothing locks it.
+bool OpenStream(Listing *pListing, const char *szPath) {
+    pListing->stream.reset(std::fopen(szPath, "re"));
+    if (!pListing->stream) {
+        SNAP_SET_ERR(SNAP_ERR_OPEN_FAILED);
+        return false;
+    }
+    (void)__fsetlocking(pListing->stream.get(), FSETLOCKING_BYCALLER); // gives what was set before
+    pListing->buffer.reset(new (std::nothrow) char[kStreamBufferSize]);
+    if (pListing->buffer) { // it goes without one, too
+        (void)std::setvbuf(pListing->stream.get(), pListing->buffer.get(), _IOFBF, kStreamBufferSize);
+    }
+    return true;
 }
 
 // Results of a selector, as a listing takes them.
@@ -255,9 +277,7 @@ int QOVAShareSnapList(const QOVASHARE *pShare, QLIBCSZLIST **ppListSnap, const Q
     if (LockAsRoot(pShare, &listing.lock) < 0) {
         return -1;
     }
-    listing.stream.reset(std::fopen(szPath, "re"));
-    if (!listing.stream) {
-        SNAP_SET_ERR(SNAP_ERR_OPEN_FAILED);
+    if (!OpenStream(&listing, szPath)) {
         return -1;
     }
     return ScanSections(&listing, ppListSnap, pEnum);

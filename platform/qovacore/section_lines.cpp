@@ -34,11 +34,13 @@ bool isComment(std::string_view line) {
     return !line.empty() && (line.front() == ';' || line.front() == '#');
 }
 
-bool splitPair(std::string_view line, std::string_view &key, std::string_view &value) {
-    if (isComment(line) || endsSection(line)) {
+namespace {
+
+// splitPair for a line that is text to its end.
+bool splitText(std::string_view text, std::string_view &key, std::string_view &value) {
+    if (isComment(text) || endsSection(text)) {
         return false;
     }
-    const std::string_view text = lineText(line);
     const size_t nSign = text.find('=');
     if (nSign == std::string_view::npos || nSign == 0) {
         return false;
@@ -46,6 +48,12 @@ bool splitPair(std::string_view line, std::string_view &key, std::string_view &v
     key = text.substr(0, nSign);
     value = text.substr(nSign + 1);
     return true;
+}
+
+} // namespace
+
+bool splitPair(std::string_view line, std::string_view &key, std::string_view &value) {
+    return splitText(lineText(line), key, value);
 }
 
 UniqueFd openRegular(int fdDirectory, const char *szPath, bool blFollow, struct stat &status) {
@@ -194,29 +202,13 @@ int QLIBCFileParseSectionName(const char *szLine, char *szBuf, size_t cbBuf) {
     return 0;
 }
 
-namespace {
-
-// Pushes a text that isn't ended by a NUL byte, through a buffer on the stack where it is short.
-int pushText(QLIBCSZLIST **ppList, std::string_view text) {
-    char rgShort[256];
-    if (text.size() >= sizeof(rgShort)) {
-        return QLIBCSzListPush(ppList, std::string(text).c_str());
-    }
-    memcpy(rgShort, text.data(), text.size());
-    rgShort[text.size()] = '\0';
-    return QLIBCSzListPush(ppList, rgShort);
-}
-
-} // namespace
-
 int QLIBCStrSepPair(const char *szLine, QLIBCSZLIST **ppList) {
-    return guarded([=] {
-        std::string_view key;
-        std::string_view value;
-        if (szLine == nullptr || ppList == nullptr || *ppList == nullptr || !splitPair(szLine, key, value)) {
-            QOVACORE_SET_CODE_ERRNO(SNAP_ERR_BAD_PARAMETER, EINVAL);
-            return -1;
-        }
-        return pushText(ppList, key) < 0 || pushText(ppList, value) < 0 ? -1 : 0;
-    });
+    std::string_view key;
+    std::string_view value;
+    if (szLine == nullptr || ppList == nullptr || *ppList == nullptr ||
+        !splitText({szLine, static_cast<size_t>(strchrnul(szLine, '\n') - szLine)}, key, value)) {
+        QOVACORE_SET_CODE_ERRNO(SNAP_ERR_BAD_PARAMETER, EINVAL);
+        return -1;
+    }
+    return pushText(ppList, key) < 0 || pushText(ppList, value) < 0 ? -1 : 0;
 }

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <sharesnap/platform/error.h>
+#include <sharesnap/platform/szlist.h>
+#include <string_view>
 #include <unistd.h>
 
 // Leaves a code in the error register with this place in the source, the file name without folders.
@@ -61,6 +63,9 @@ public:
 private:
     int m_fd = -1;
 };
+
+// QLIBCSzListPush for a text of known length, to a list that is there.
+[[nodiscard]] int pushText(QLIBCSZLIST **ppList, std::string_view text);
 
 } // namespace qovacore
 

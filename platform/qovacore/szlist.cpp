@@ -133,16 +133,9 @@ void QLIBCSzListFree(QLIBCSZLIST *pList) {
     free(pList);
 }
 
-int QLIBCSzListPush(QLIBCSZLIST **ppList, const char *szItem) {
-    if (ppList == nullptr || *ppList == nullptr) {
-        QOVACORE_SET_CODE_ERRNO(SNAP_ERR_BAD_PARAMETER, EINVAL);
-        return -1;
-    }
-    if (szItem == nullptr) {
-        return 0;
-    }
+int qovacore::pushText(QLIBCSZLIST **ppList, std::string_view text) {
     List *pList = asList(*ppList);
-    const size_t cbText = strlen(szItem) + 1;
+    const size_t cbText = text.size() + 1;
     List *pOld = nullptr;
     if (pList->head.nItem == INT_MAX) {
         QOVACORE_SET_CODE_ERRNO(SNAP_ERR_OUT_OF_MEMORY, ENOMEM);
@@ -158,12 +151,24 @@ int QLIBCSzListPush(QLIBCSZLIST **ppList, const char *szItem) {
         pList = pNew;
         *ppList = &pNew->head;
     }
-    memcpy(reinterpret_cast<char *>(pList) + pList->cbTextEnd, szItem, cbText);
+    char *pPlace = reinterpret_cast<char *>(pList) + pList->cbTextEnd;
+    memcpy(pPlace, text.data(), text.size());
+    pPlace[text.size()] = '\0';
     *offsetAt(pList, pList->head.nItem) = pList->cbTextEnd;
     pList->cbTextEnd += cbText;
     ++pList->head.nItem;
-    free(pOld); // only now: the new text may be an item of the list itself
+    if (pOld != nullptr) {
+        free(pOld); // only now: the new text may be an item of the list itself
+    }
     return pList->head.nItem;
+}
+
+int QLIBCSzListPush(QLIBCSZLIST **ppList, const char *szItem) {
+    if (ppList == nullptr || *ppList == nullptr) {
+        QOVACORE_SET_CODE_ERRNO(SNAP_ERR_BAD_PARAMETER, EINVAL);
+        return -1;
+    }
+    return szItem != nullptr ? qovacore::pushText(ppList, szItem) : 0;
 }
 
 const char *QLIBCSzListGet(const QLIBCSZLIST *pList, int nIndex) {
