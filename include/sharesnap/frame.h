@@ -172,8 +172,8 @@ typedef struct TimeLimitTask {
    0 the child ended by itself; -1 with 0x2E00: the limit passed and the child got SIGTERM; -1 with 0x0D00, 0x0200 or
    0x2A00: it couldn't be run or waited for.
    Waits for the child's end, behind the limit too when it ignores SIGTERM; any signal that the process handles while it
-   waits ends the limit. Installs a handler of SIGUSR1 and leaves it. One call at a time in a process. Needs no
-   privilege. */
+   waits ends the limit. Installs a handler of SIGUSR1 and leaves it. One call at a time in a process. SIGCHLD must not
+   be ignored: nobody could tell then how the child ended, and the call fails (0x2A00). Needs no privilege. */
 SHARESNAP_API int ShareSnapTimeLimitFork(unsigned long ulSecTimeout, const TimeLimitTask *pTimeLimitTask,
                                          int *pFuncRet);
 

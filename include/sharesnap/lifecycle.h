@@ -7,7 +7,9 @@
    - Operations on subvolumes need root. Locks are files below /run/lock/sharesnap; a lock that can't be had in its time
      gives -1 with SNAP_ERR_BUSY.
    - Calls are safe in concurrent processes. One process must not create snapshots in two threads at a time: the time
-     limit of the PRE action uses a signal and a pipe of the whole process. */
+     limit of the PRE action uses a signal and a pipe of the whole process.
+   - The process must not ignore SIGCHLD: how children and programs ended can't be told then, and calls that need them
+     fail. */
 #ifndef SHARESNAP_LIFECYCLE_H
 #define SHARESNAP_LIFECYCLE_H
 

@@ -183,8 +183,9 @@ SHARESNAP_API int QOVAShareSnapDefaultAttr(QLIBCSZHASH **ppHash);
 /* Makes the metadata of a share true to its volume: sections of subvolumes that are gone are removed, subvolumes
    without a section get one (a hidden one is shown, with a description that says where it comes from), sections get
    the facts of their subvolumes, and the counter is stored anew. Single snapshots that fail are told in the log alone.
-   Runs the program /sbin/btrfs and waits for its end. Takes the metadata lock for each step of its own and the counter
-   lock at the end (5 seconds): a snapshot made or deleted meanwhile may be mistaken.
+   Runs the program /sbin/btrfs and waits for its end; the process must not ignore SIGCHLD. Takes the metadata lock for
+   each step of its own and the counter lock at the end (5 seconds): a snapshot made or deleted meanwhile may be
+   mistaken.
    0; -1: 0x8300 the volume can't be read, 0xD900 it isn't Btrfs, or another code. */
 SHARESNAP_API int QOVAShareSnapMetaSync(const QOVASHARE *pShare);
 

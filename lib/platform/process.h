@@ -9,7 +9,8 @@ QOVA_BEGIN_DECLS
 
 /* All of them: no shell; the environment is PATH and LC_ALL=C alone; default signals, none blocked; standard input and
    error output are /dev/null; no further descriptor reaches the program. The program is a path. "/sbin/btrfs" stands
-   for the platform's own tool, which may not be installed there. A failure sets errno and a code. */
+   for the platform's own tool, which may not be installed there. The calling process must not ignore SIGCHLD: how a
+   program ended can't be told then, and counts as a failure. A failure sets errno and a code. */
 
 /* Starts szProgram with the arguments behind szMode (ended by a null char *), argv[0] is the program; szMode is "r".
    A stream on its standard output, closed with QLIBCPclose; null when it can't be started. The listing "/sbin/btrfs

@@ -1,5 +1,6 @@
 // sharesnap: the administrator's command for snapshots of shared folders.
 #include "failure.h"
+#include "inherited.h"
 #include "verbs.h"
 
 #include <exception>
@@ -30,6 +31,7 @@ constexpr command::VerbEntry verbs[] = {
 } // namespace
 
 int main(int argc, char **argv) {
+    command::mendInheritedState();
     // The library makes directories and files with the modes it is given; none of them is to be writable by others.
     (void)umask(022);
     try {
