@@ -1,4 +1,4 @@
-// sharesnap sync, clone, size and info.
+// sharesnap sync, clone and size.
 #include "command/command.hpp"
 
 #include <sharesnap/platform/subvolume.h>
@@ -108,25 +108,6 @@ TEST_F(SizeVerb, EstimatesAStreamAndADifference) {
     EXPECT_LT(difference["bytes"], 300000);
     EXPECT_TRUE(ends(sharesnap({"size", "docs", "nope"}), notFound));
     EXPECT_TRUE(ends(sharesnap({"size", "docs", second, "--parent", "nope"}), notFound));
-}
-
-class InfoVerb : public CommandTest {};
-
-TEST_F(InfoVerb, ShowsTheFrozenConfigurationAndWhatChanged) {
-    ASSERT_TRUE(ends(sharesnap({"share", "add", "music", "/vol1/music", "--desc", "as it was"}), done));
-    const std::string name = take({}, "music");
-    EXPECT_EQ("as it was", document({"info", "music", name})["configuration"]["description"]);
-    EXPECT_THAT(sharesnap({"info", "music", name}).output, HasSubstr("as it was"));
-    EXPECT_EQ(nlohmann::json::object(), document({"info", "music", name, "--diff"})["differences"]);
-    ASSERT_TRUE(ends(sharesnap({"share", "show", "music"}), done));
-}
-
-TEST_F(InfoVerb, SaysWhenASnapshotHoldsNone) {
-    const std::string name = take({"--no-share-info"});
-    const auto result = sharesnap({"info", "docs", name});
-    EXPECT_TRUE(ends(result, notFound));
-    EXPECT_TRUE(says(result, {name, "\"docs\"", "no configuration"}));
-    EXPECT_TRUE(ends(sharesnap({"info", "docs", "nope"}), notFound));
 }
 
 } // namespace
