@@ -7,7 +7,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sharesnap/platform/error.h>
 #include <sharesnap/platform/plugin.h>
 #include <sys/stat.h>
@@ -89,6 +91,14 @@ std::vector<std::string> environmentSeen(const std::string &path) {
     }
     return variables;
 }
+
+// What takes another's name when this process is about to fork.
+struct Exchange {
+    std::string from;
+    std::string to;
+    bool done;
+};
+Exchange exchange;
 
 class Plugin : public testkit::SandboxTest {};
 class PluginSafety : public testkit::SandboxTest {};
@@ -425,6 +435,33 @@ TEST_F(PluginSafety, LinksAreNotFollowed) {
     ASSERT_EQ(0, symlink((scratch() + "/elsewhere").c_str(), "/etc/sharesnap/plugins/other"));
     EXPECT_EQ(0, hasPrograms());
     EXPECT_EQ(0, QLIBPluginHasInit(openPlugin("other").get()));
+}
+
+// Another file takes the name in the last moment in which the program isn't running yet.
+TEST_F(PluginSafety, FileExchangedBehindTheCheckIsNotRun) {
+    ASSERT_EQ(0, pthread_atfork(
+                     [] {
+                         if (!exchange.from.empty()) {
+                             exchange.done = rename(exchange.from.c_str(), exchange.to.c_str()) == 0;
+                             exchange.from.clear();
+                         }
+                     },
+                     nullptr, nullptr));
+    for (const int phase : {pre, post}) {
+        (void)unlink((scratch() + "/trace").c_str());
+        ASSERT_TRUE(install("program", traceScript("checked")));
+        ASSERT_TRUE(installAt("/etc/sharesnap/planted", traceScript("planted"), 0777));
+        const PluginPointer plugin = openPlugin();
+        ASSERT_EQ(0, QLIBPluginSetBlocking(plugin.get(), 1));
+        exchange = {"/etc/sharesnap/planted", "/etc/sharesnap/plugins/demo/program", false};
+        EXPECT_EQ(0, QLIBPluginAction(phase, plugin.get()));
+        EXPECT_TRUE(exchange.done);
+        EXPECT_EQ("checked\n", trace());
+        // The next start meets the planted one at its check.
+        (void)QLIBPluginAction(phase, plugin.get());
+        EXPECT_EQ("checked\n", trace());
+    }
+    exchange = {};
 }
 
 TEST_F(PluginSafety, OtherNamesAndKindsAreNotRun) {

@@ -1,9 +1,12 @@
 #include <sharesnap/counters.h>
 #include <sharesnap/frame.h>
+#include <sharesnap/platform/error.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <gtest/gtest.h>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -127,16 +130,24 @@ TEST_F(SystemLock, FileInTheDirectorysPlaceFailsEveryOperation) {
     ASSERT_TRUE(testkit::writeFile("/run/sharesnap/sys_lock", "x"));
     QLIBCSZLIST *list = QLIBCSzListAlloc(512);
     uint32_t count = 0;
-    const std::vector<int> results = {increment("a"),
-                                      decrement("a"),
-                                      QOVAShareSnapSysLockRemove(&share_, kSnap, "a"),
-                                      QOVAShareSnapSysLockGet(&share_, kSnap, "a", &count),
-                                      QOVAShareSnapSysLockInitiatorList(&share_, kSnap, &list),
-                                      ShareSnapSysLockShareRenameHook("docs", "papers"),
-                                      ShareSnapSysLockShareDeleteHook("docs")};
-    EXPECT_EQ(std::vector<int>(7, -1), results);
-    EXPECT_EQ(unsigned{SNAP_ERR_NOT_A_DIRECTORY}, QLIBCErrGet());
-    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to get snapshot lock file for share(docs) [0xA000 "));
+    const std::map<std::string, std::function<int()>> operations = {
+        {"increment", [&] { return increment("a"); }},
+        {"decrement", [&] { return decrement("a"); }},
+        {"remove", [&] { return QOVAShareSnapSysLockRemove(&share_, kSnap, "a"); }},
+        {"get", [&] { return QOVAShareSnapSysLockGet(&share_, kSnap, "a", &count); }},
+        {"list", [&] { return QOVAShareSnapSysLockInitiatorList(&share_, kSnap, &list); }},
+        {"rename", [] { return ShareSnapSysLockShareRenameHook("docs", "papers"); }},
+        {"delete", [] { return ShareSnapSysLockShareDeleteHook("docs"); }}};
+    for (const auto &operation : operations) {
+        SCOPED_TRACE(operation.first);
+        QLIBCErrSetEx(0, "", 0);
+        testkit::logClear();
+        EXPECT_EQ(-1, operation.second());
+        EXPECT_EQ(unsigned{SNAP_ERR_NOT_A_DIRECTORY}, QLIBCErrGet());
+        const bool isHook = operation.first == "rename" || operation.first == "delete";
+        EXPECT_EQ(isHook ? 1U : 0U,
+                  testkit::logCount(LOG_ERR, "Failed to get snapshot lock file for share(docs) [0xA000 "));
+    }
     QLIBCSzListFree(list);
 }
 
@@ -204,6 +215,96 @@ TEST_F(SystemLock, RefusesNullArgumentsWithoutALine) {
     EXPECT_EQ(-1, ShareSnapSysLockShareDeleteHook(nullptr));
     EXPECT_EQ(unsigned{SNAP_ERR_BAD_PARAMETER}, QLIBCErrGet());
     EXPECT_EQ("", testkit::logText());
+}
+
+// Each operation that reads a count tells that it can't, and changes nothing.
+TEST_F(SystemLock, UnreadableCountFailsWithBothLines) {
+    ASSERT_EQ(1, increment("backup"));
+    const std::string before = testkit::readFile(kData);
+    uint32_t count = 0;
+    const std::map<std::string, std::function<int()>> operations = {
+        {"increment", [&] { return increment("backup"); }},
+        {"decrement", [&] { return decrement("backup"); }},
+        {"get", [&] { return QOVAShareSnapSysLockGet(&share_, kSnap, "backup", &count); }}};
+    for (const auto &operation : operations) {
+        SCOPED_TRACE(operation.first);
+        testkit::logClear();
+        {
+            const testkit::Fault reading("QLIBCFileGetSectionValue", 1, EIO, -1, 0x0A00);
+            EXPECT_EQ(-1, operation.second());
+            EXPECT_TRUE(reading.met());
+        }
+        EXPECT_EQ(0x0A00U, QLIBCErrGet());
+        EXPECT_TRUE(testkit::logged(LOG_ERR, std::string("Failed to get section(") + kSnap + ") key(backup) for file(" +
+                                                 kData + ")[0x0A00 "));
+        EXPECT_TRUE(testkit::logged(LOG_ERR, std::string("Failed to get sys lock for share(docs) snap(") + kSnap +
+                                                 ") key(backup)[0x0A00 "));
+        EXPECT_EQ(before, testkit::readFile(kData));
+    }
+}
+
+TEST_F(SystemLock, ClaimThatCannotBeWrittenFailsWithItsLine) {
+    ASSERT_EQ(1, increment("backup"));
+    const std::string before = testkit::readFile(kData);
+    const std::map<std::string, std::function<int()>> operations = {
+        {"increment", [&] { return increment("backup"); }},
+        {"decrement", [&] { return decrement("backup"); }},
+        {"remove", [&] { return QOVAShareSnapSysLockRemove(&share_, kSnap, "backup"); }}};
+    for (const auto &operation : operations) {
+        SCOPED_TRACE(operation.first);
+        testkit::logClear();
+        {
+            const testkit::Fault reading("QLIBCFileGetSection", 1, EIO, -1, 0x0A00);
+            EXPECT_EQ(-1, operation.second());
+            EXPECT_TRUE(reading.met());
+        }
+        EXPECT_TRUE(testkit::logged(LOG_ERR, std::string("Failed to set sys lock for share(docs) snap(") + kSnap +
+                                                 ") key(backup)[0x0A00 "));
+        EXPECT_EQ(before, testkit::readFile(kData));
+    }
+}
+
+// A first claim adds a section, a further one replaces it.
+TEST_F(SystemLock, SectionThatCannotBeAddedOrReplacedIsTold) {
+    {
+        const testkit::Fault adding("QLIBCFileAddSection", 1, EIO, -1, 0x0B00);
+        EXPECT_EQ(-1, increment("backup"));
+        EXPECT_TRUE(adding.met());
+    }
+    EXPECT_TRUE(testkit::logged(LOG_ERR, std::string("Failed to add key-value to share(docs) snapshot(") + kSnap +
+                                             ") section [0x0B00 "));
+    EXPECT_TRUE(testkit::logged(LOG_ERR, std::string("Failed to set sys lock for share(docs) snap(") + kSnap +
+                                             ") key(backup)[0x0B00 "));
+    EXPECT_EQ(0, claims("backup"));
+    ASSERT_EQ(1, increment("backup"));
+    testkit::logClear();
+    {
+        const testkit::Fault replacing("QLIBCFileSetSection", 1, EIO, -1, 0x0B00);
+        EXPECT_EQ(-1, increment("backup"));
+        EXPECT_TRUE(replacing.met());
+    }
+    EXPECT_TRUE(testkit::logged(LOG_ERR, std::string("Failed to set key-value to share(docs) snapshot(") + kSnap +
+                                             ") section [0x0B00 "));
+    EXPECT_EQ(1, claims("backup"));
+}
+
+TEST_F(SystemLock, HoldersThatCannotBeReadAreToldAndNothingIsAdded) {
+    ASSERT_EQ(1, increment("backup"));
+    QLIBCSZLIST *list = QLIBCSzListAlloc(512);
+    {
+        const testkit::Fault reading("QLIBCFileGetSection", 1, EIO, -1, 0x0A00);
+        EXPECT_EQ(-1, QOVAShareSnapSysLockInitiatorList(&share_, kSnap, &list));
+    }
+    EXPECT_TRUE(
+        testkit::logged(LOG_ERR, std::string("Failed to get section(") + kSnap + ") for file(" + kData + ")[0x0A00 "));
+    EXPECT_EQ(0, list->nItem);
+    {
+        const testkit::Fault keys("QLIBCSzHashEnumKey");
+        EXPECT_EQ(-1, QOVAShareSnapSysLockInitiatorList(&share_, kSnap, &list));
+    }
+    // The lock is free again.
+    EXPECT_EQ(Names{"backup"}, initiators());
+    QLIBCSzListFree(list);
 }
 
 TEST_F(SystemLock, FailedUnlockIsAWarningAlone) {

@@ -241,6 +241,7 @@ TEST_F(SnapDelete, FailingPreStopsTheBatch) {
     EXPECT_EQ(Codes{SURVIVED}, codes);
     EXPECT_EQ(before, meta());
     EXPECT_TRUE(stands(name));
+    EXPECT_EQ(1, storedCount());
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Fail to execute share snapshot plugin (PRE)"));
     EXPECT_EQ("", variable(recorded("grumpy", "post"), "SNAPSHOT"));
     EXPECT_EQ("-1", variable(recorded("grumpy", "post"), "RESULT"));

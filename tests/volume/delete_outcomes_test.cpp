@@ -92,6 +92,7 @@ protected:
 
 TEST_F(SnapDeleteOutcome, NothingIsTouchedByAFailureOnTheWayToTheDeletion) {
     expectUntouchedAfter("fopen64");
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed open metadata file [/vol1/@sharesnap/@docs.meta] errno:5"));
 }
 
 TEST_F(SnapDeleteOutcome, NothingIsTouchedWhenTheFileHasNoStatus) {
@@ -515,6 +516,24 @@ TEST_F(SnapDeleteOutcome, FailedPutBackOfTheCountIsOnlyLogged) {
     EXPECT_EQ((Codes{GONE, SURVIVED}), codes);
     EXPECT_EQ(1, storedCount()); // too low, never too high
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to rollback snapcount for share [docs] [0x"));
+}
+
+// The count that is put back belongs to the directory: where that has gone meanwhile, none is made for it.
+TEST_F(SnapDeleteOutcome, PutBackOfTheCountMakesNoDirectory) {
+    const testkit::Replacement<DeleteList> deletion(
+        "QOVABtrfsDeleteSubvolListFaultTolerantEx", [&](const char *directory, const QLIBCSZLIST *, int *deleted) {
+            const List all(standing());
+            int gone = 0;
+            (void)testkit::real<DeleteList>("QOVABtrfsDeleteSubvolListFaultTolerantEx")(directory, all.get(), &gone);
+            EXPECT_EQ(4, gone);
+            EXPECT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant(directory));
+            *deleted = 1; // two to put back
+            return 0;
+        });
+    EXPECT_EQ(0, remove(names_)) << testkit::logText();
+    EXPECT_EQ((Codes{GONE, GONE, GONE}), codes);
+    EXPECT_EQ(Names{hidden_}, sections());
+    EXPECT_FALSE(testkit::exists(snapDir()));
 }
 
 // A process that dies between the deletions and the rewrite leaves old metadata and a counter that is too low.

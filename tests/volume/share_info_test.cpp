@@ -246,6 +246,28 @@ TEST_F(ShareInfo, WaitsForTheLockAndGivesUp) {
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to lock share [docs] snapshot configuration lock file[0x0400 "));
 }
 
+// An account file of the sandbox, as it was again in the end.
+class AccountFile {
+public:
+    explicit AccountFile(std::string path) : path_(std::move(path)), before_(testkit::readFile(path_)) {}
+    AccountFile(const AccountFile &) = delete;
+    AccountFile &operator=(const AccountFile &) = delete;
+    ~AccountFile() { EXPECT_TRUE(testkit::writeFile(path_, before_)); }
+
+    // The account keeps its id.
+    void rename(const std::string &from, const std::string &to) const {
+        std::string text = "\n" + testkit::readFile(path_);
+        const size_t at = text.find("\n" + from + ":");
+        ASSERT_NE(std::string::npos, at) << path_;
+        text.replace(at + 1, from.size(), to);
+        ASSERT_TRUE(testkit::writeFile(path_, text.substr(1)));
+    }
+
+private:
+    std::string path_;
+    std::string before_;
+};
+
 class ShareInfoRead : public ShareInfo {
 protected:
     void SetUp() override {
@@ -317,6 +339,31 @@ TEST_F(ShareInfoRead, StatusTakesTheFrozenBitsAlone) {
     EXPECT_EQ(0x4000u | 0x100u, info_->uStatus);
 }
 
+TEST_F(ShareInfoRead, EachFrozenBitIsTakenAndNoOther) {
+    constexpr uint32_t frozen = 0x20 | 0x80 | 0x100 | 0x200 | 0x400 | 0x800 | 0x1000;
+    const auto merged = [this](uint32_t live, uint32_t stored) {
+        share_.uStatus = live;
+        QLIBCSZHASH *hash = QLIBCSzHashAlloc(64);
+        EXPECT_LE(0, QLIBCSzHashSetValue(&hash, "status", std::to_string(stored).c_str()));
+        QOVAShareSnapShareInfo *record = nullptr;
+        EXPECT_EQ(0, QOVAShareSnapShareInfoGetByHash(&share_, hash, &record));
+        QLIBCSzHashFree(hash);
+        const uint32_t status = record != nullptr ? record->uStatus : ~live;
+        std::free(record);
+        return status;
+    };
+    for (int i = 0; i < 32; ++i) {
+        const uint32_t bit = uint32_t{1} << i;
+        SCOPED_TRACE("bit " + std::to_string(i));
+        const bool isFrozen = (frozen & bit) != 0;
+        EXPECT_EQ(isFrozen ? bit : 0, merged(0, bit));
+        EXPECT_EQ(isFrozen ? 0 : bit, merged(bit, 0));
+        // Among all others, too.
+        EXPECT_EQ(isFrozen ? frozen & ~bit : frozen, merged(0, ~bit));
+        EXPECT_EQ(isFrozen ? ~frozen : ~frozen & ~bit, merged(~bit, 0));
+    }
+}
+
 TEST_F(ShareInfoRead, StatusIsZeroWithoutTheKey) {
     read("[share_info]\ndesc=x\n");
     EXPECT_EQ(0u, info_->uStatus);
@@ -326,6 +373,34 @@ TEST_F(ShareInfoRead, UnknownAndBadIdsDropOut) {
     read("[share_info]\nuser_rw=4000000000," + daemon_ + ",12x,\ngroup_rw=4000000001," + staff_ + "\n");
     EXPECT_STREQ("daemon,@staff", info_->szRWList);
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to strtoul() with value [12x]["));
+}
+
+TEST_F(ShareInfoRead, RenamedAccountsComeUnderTheirPresentNames) {
+    ASSERT_EQ(0, QOVAShareSnapShareInfoSet(&share_));
+    const AccountFile users("/etc/passwd");
+    const AccountFile groups("/etc/group");
+    ASSERT_NO_FATAL_FAILURE(users.rename("daemon", "spirit"));
+    ASSERT_NO_FATAL_FAILURE(groups.rename("staff", "crew"));
+    ASSERT_EQ(0, QOVAShareSnapShareInfoGet(&share_, &info_));
+    EXPECT_STREQ("spirit,bin,@crew", info_->szRWList);
+    EXPECT_STREQ("@crew", info_->szROList);
+}
+
+// A group's name goes through 255 bytes with its mark and its end, a user's is taken whole.
+TEST_F(ShareInfoRead, LongGroupNameIsCut) {
+    ASSERT_EQ(0, QOVAShareSnapShareInfoSet(&share_));
+    const AccountFile users("/etc/passwd");
+    const AccountFile groups("/etc/group");
+    const std::string longName(300, 'g');
+    ASSERT_NO_FATAL_FAILURE(users.rename("bin", longName));
+    ASSERT_NO_FATAL_FAILURE(groups.rename("staff", longName.substr(0, 253)));
+    ASSERT_EQ(0, QOVAShareSnapShareInfoGet(&share_, &info_));
+    EXPECT_EQ("daemon," + longName + ",@" + longName.substr(0, 253), info_->szRWList); // just fits
+    std::free(info_);
+    info_ = nullptr;
+    ASSERT_NO_FATAL_FAILURE(groups.rename(longName.substr(0, 253), longName));
+    ASSERT_EQ(0, QOVAShareSnapShareInfoGet(&share_, &info_));
+    EXPECT_EQ("daemon," + longName + ",@" + longName.substr(0, 253), info_->szRWList);
 }
 
 TEST_F(ShareInfoRead, EmptyIdTextsAreNotRoot) {

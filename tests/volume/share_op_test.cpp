@@ -110,6 +110,36 @@ TEST_F(ShareOp, DataDeleteOfAShareWithoutSnapshots) {
     EXPECT_FALSE(testkit::exists("/vol1/@sharesnap/docs"));
 }
 
+// Settings of a snapshot that never came to be, say.
+TEST_F(ShareOp, DataDeleteTakesAMetadataFileWithoutASnapshotDirectory) {
+    const Hash hash(Pairs{{"hide", "false"}});
+    ASSERT_EQ(0, QOVAShareSnapMetaSectionAdd(share, "GMT-1999.01.01-00.00.00", hash.get()));
+    ASSERT_TRUE(testkit::exists(metaPath()));
+    ASSERT_FALSE(testkit::exists(snapDir()));
+    EXPECT_EQ(0, QOVAShareSnapDataDelete("/vol1/docs")) << testkit::logText();
+    EXPECT_FALSE(testkit::exists("/vol1/docs"));
+    EXPECT_FALSE(testkit::exists(metaPath()));
+    EXPECT_FALSE(testkit::exists(snapDir()));
+}
+
+TEST_F(ShareOp, DataDeleteAsksForTheAttributesOfThePathAsItWasSplit) {
+    (void)take();
+    ASSERT_TRUE(testkit::exists("/vol1/docs/@eaDir"));
+    Names asked;
+    using Remove = int(const char *, int, int64_t *);
+    const testkit::Replacement<Remove> removal("QOVAEARemove", [&](const char *path, int flags, int64_t *flag) {
+        asked.push_back(std::string(path) + " " + std::to_string(flags) + " " + std::to_string(*flag));
+        // With the snapshots gone and the share still there.
+        EXPECT_FALSE(testkit::exists(snapDir()));
+        EXPECT_EQ(1, QOVABtrfsIsSubVol("/vol1/docs"));
+        const int outcome = testkit::real<Remove>("QOVAEARemove")(path, flags, flag);
+        EXPECT_FALSE(testkit::exists("/vol1/docs/@eaDir"));
+        return outcome;
+    });
+    EXPECT_EQ(0, QOVAShareSnapDataDelete("/vol1//docs/"));
+    EXPECT_EQ(Names{"/vol1/docs 3 1"}, asked);
+}
+
 TEST_F(ShareOp, DataDeleteOfAnEmptySnapshotDirectoryHandsOverTheEmptyList) {
     const std::string name = take();
     ASSERT_EQ(0, remove({name}));
@@ -248,6 +278,33 @@ TEST_F(ShareOp, RenameStopsBeforeAnyChangeWhenTheSettingsCannotMove) {
         EXPECT_TRUE(testkit::logged(LOG_ERR, "sharesnap config share rename fail (docs -> files) [0x0400 "));
     }
     expectOldName(names, text);
+}
+
+// The share stands half moved then, and the line is all that tells.
+TEST_F(ShareOp, RenameTellsOfSettingsThatCannotMoveBack) {
+    ASSERT_EQ(0, QOVAShareSnapConfSet("docs", "local_time_format", "false"));
+    const Names names = takeSome(1);
+    const std::string text = meta();
+    ASSERT_TRUE(testkit::writeFile("/vol1/@sharesnap/@files.meta", "[GMT-1999.01.01-00.00.00]\n"));
+    {
+        int locks = 0; // on the settings: they move, and are to move back
+        using Lock = int(const char *, int, int, int *);
+        const testkit::Replacement<Lock> lock(
+            "QLIBCFileLockTimeByFile", [&](const char *path, int mode, int seconds, int *fd) {
+                if (std::string(path).find("sharesnap_conf") != std::string::npos && ++locks == 2) {
+                    setCode(0x0400);
+                    return 0;
+                }
+                return testkit::real<Lock>("QLIBCFileLockTimeByFile")(path, mode, seconds, fd);
+            });
+        EXPECT_EQ(-1, rename());
+    }
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "meta rename fail (docs -> files) [0x0800 "));
+    EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to rollback sharesnap conf (files -> docs) [0x0400 "));
+    EXPECT_EQ("(absent)", setting("docs"));
+    EXPECT_EQ("false", setting("files"));
+    EXPECT_EQ(text, meta());
+    EXPECT_EQ(names, standing());
 }
 
 // Each step back is tried, whatever became of the one before.

@@ -117,6 +117,14 @@ std::string namesOnDisk() {
     return result.output;
 }
 
+// What was made before is on disk from here on.
+void commitAll() {
+    const int volume = open("/vol1", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(volume, 0);
+    EXPECT_EQ(0, syncfs(volume));
+    (void)close(volume);
+}
+
 TEST_F(SubvolumeDelete, IsOnDiskWhenItReturns) {
     ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant(take("gone-for-good").c_str()));
     const std::string names = namesOnDisk();
@@ -132,6 +140,48 @@ TEST_F(SubvolumeListDelete, IsOnDiskWhenItReturns) {
     const std::string names = namesOnDisk();
     EXPECT_NE(std::string::npos, names.find("name docs"));
     EXPECT_EQ(std::string::npos, names.find("name gone"));
+}
+
+// In another directory than the one given, whose sync says nothing about it.
+TEST_F(SubvolumeListDelete, NameBeneathADirectoryIsOnDiskWhenItReturns) {
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/holder"));
+    ASSERT_TRUE(testkit::makeDirectories("/vol1/holder/dir"));
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/holder/dir/gone-1"));
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/holder/gone-2"));
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/snaps/gone-3"));
+    commitAll();
+    ASSERT_NE(std::string::npos, namesOnDisk().find("name gone-1"));
+    int deleted = -1;
+    ASSERT_EQ(0, QOVABtrfsDeleteSubvolListFaultTolerantEx("/vol1/holder", List({"dir/gone-1"}).get(), &deleted));
+    EXPECT_EQ(1, deleted);
+    EXPECT_EQ(std::string::npos, namesOnDisk().find("name gone-1"));
+    // Of several directories each.
+    ASSERT_EQ(
+        0, QOVABtrfsDeleteSubvolListFaultTolerantEx("/vol1", List({"snaps/gone-3", "holder/gone-2"}).get(), &deleted));
+    EXPECT_EQ(2, deleted);
+    const std::string names = namesOnDisk();
+    EXPECT_NE(std::string::npos, names.find("name docs"));
+    EXPECT_EQ(std::string::npos, names.find("name gone"));
+}
+
+TEST_F(SubvolumeListDelete, NestedOnesAreOnDiskWhenItReturns) {
+    const auto makeNested = [] {
+        ASSERT_EQ(0, QOVABtrfsSnapshotTake("/vol1/docs", "/vol1/snaps/gone-outer"));
+        ASSERT_TRUE(testkit::makeDirectories("/vol1/snaps/gone-outer/way"));
+        ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/snaps/gone-outer/way/gone-inner"));
+        ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/snaps/gone-outer/way/gone-inner/gone-deep"));
+        ASSERT_TRUE(storage::setReadOnly("/vol1/snaps/gone-outer"));
+        commitAll();
+        ASSERT_NE(std::string::npos, namesOnDisk().find("name gone-deep"));
+    };
+    ASSERT_NO_FATAL_FAILURE(makeNested());
+    int deleted = -1;
+    ASSERT_EQ(0, deleteAll(List({"gone-outer"}), &deleted));
+    EXPECT_EQ(1, deleted);
+    EXPECT_EQ(std::string::npos, namesOnDisk().find("name gone"));
+    ASSERT_NO_FATAL_FAILURE(makeNested());
+    ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant("/vol1/snaps/gone-outer"));
+    EXPECT_EQ(std::string::npos, namesOnDisk().find("name gone"));
 }
 
 TEST_F(SubvolumeListDelete, GoesOnPastFailuresAndCountsWhatIsGone) {
