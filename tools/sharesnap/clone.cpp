@@ -1,5 +1,6 @@
 // sharesnap clone: a new share out of a share or of one of its snapshots.
 #include "failure.h"
+#include "rename_guard.h"
 #include "share_admin.h"
 #include "share_lookup.h"
 #include "text.h"
@@ -34,6 +35,7 @@ int cloneShare(const CloneArguments &arguments) {
     checkShareName(arguments.newName);
     const std::string what = "can't clone share " + quoted(arguments.share) + " to " + quoted(arguments.newName);
     requireRoot(what);
+    const SettledNames settled({arguments.share, arguments.newName});
     const Share share = requireBtrfsShare(arguments.share, "can't clone");
     requireDataSubvolume(*share, "can't clone");
     requireFreeName(arguments.newName, what);
@@ -58,7 +60,7 @@ int cloneShare(const CloneArguments &arguments) {
         (void)QOVAShareRecordRemove(name.c_str()); // the failure that is told is the clone's
         throw libraryFailure(what + " (" + printable(path) + ")", *share, cause);
     }
-    return treeShareCloned(*share, name, arguments.snapshot) ? exitDone : exitInPart;
+    return treeShareCloned(*share, record, arguments.snapshot) ? exitDone : exitInPart;
 }
 
 } // namespace

@@ -44,6 +44,20 @@ void syncDirectory(const std::string &path) {
     (void)close(fd); // opened for reading
 }
 
+// As it stands: a note that wasn't written whole has empty texts, and so has one that is gone by now.
+RenameIntent noteIn(const std::string &path) {
+    Hash pairs = newHash();
+    errno = 0;
+    if (QLIBCFileGetSection(path.c_str(), section, pairs.address()) < 0 && QLIBCFileExist(path.c_str()) != 0) {
+        throw failure("can't read the note of a rename in", path);
+    }
+    const auto value = [&](const char *key) {
+        const char *text = QLIBCSzHashGetValue(pairs.get(), key);
+        return std::string(text == nullptr ? "" : text);
+    };
+    return {value("old_name"), value("new_name"), value("old_path"), value("new_path")};
+}
+
 void makeDirectory(const std::string &path) {
     if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
         throw failure("can't make", path);
@@ -73,19 +87,10 @@ std::optional<RenameIntent> readIntent(const std::string &oldName) {
     if (QLIBCFileExist(path.c_str()) == 0) {
         return std::nullopt;
     }
-    Hash pairs = newHash();
-    errno = 0;
-    if (QLIBCFileGetSection(path.c_str(), section, pairs.address()) < 0) {
-        throw failure("can't read the note of a rename in", path);
-    }
-    const auto value = [&](const char *key) {
-        const char *text = QLIBCSzHashGetValue(pairs.get(), key);
-        return std::string(text == nullptr ? "" : text);
-    };
-    RenameIntent intent{value("old_name"), value("new_name"), value("old_path"), value("new_path")};
+    const RenameIntent intent = noteIn(path);
     if (intent.oldName != oldName || intent.newName.empty() || intent.oldPath.empty() || intent.newPath.empty()) {
-        // The note wasn't written whole: nothing had begun.
-        if (unlink(path.c_str()) != 0) {
+        // The note wasn't written whole: nothing had begun. Somebody else may be removing it, too.
+        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
             throw failure("can't remove", path);
         }
         return std::nullopt;
@@ -101,15 +106,23 @@ void removeIntent(const RenameIntent &intent) {
     syncDirectory(directory);
 }
 
-std::vector<std::string> pendingRenames() {
-    std::vector<std::string> names;
+std::set<std::string> namesUnderRename() {
+    std::set<std::string> names;
     const std::unique_ptr<DIR, int (*)(DIR *)> opened(opendir(directory), closedir);
+    if (!opened && errno != ENOENT) {
+        throw failure("can't read", directory);
+    }
+    errno = 0;
     while (const dirent *entry = opened ? readdir(opened.get()) : nullptr) {
         const std::string name = entry->d_name;
-        // Temporary files of a note that was being written have more behind the name than a note.
-        if (name != "." && name != ".." && readIntent(name)) {
-            names.push_back(name);
+        if (name != "." && name != "..") {
+            names.insert(name);
+            names.insert(noteIn(intentPath(name)).newName); // or an empty one, which is nobody's
         }
+        errno = 0;
+    }
+    if (opened && errno != 0) {
+        throw failure("can't read", directory);
     }
     return names;
 }

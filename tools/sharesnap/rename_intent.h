@@ -3,8 +3,8 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
-#include <vector>
 
 namespace command {
 
@@ -20,7 +20,8 @@ void writeIntent(const RenameIntent &intent);
 // Nothing when there is no rename under way from that name. Throws a Failure for a note that can't be read.
 [[nodiscard]] std::optional<RenameIntent> readIntent(const std::string &oldName);
 void removeIntent(const RenameIntent &intent);
-// The old names of all renames under way.
-[[nodiscard]] std::vector<std::string> pendingRenames();
+// The old and the new names of all renames under way, interrupted ones among them. Changes nothing: a note that is being
+// written gives its old name. Throws a Failure.
+[[nodiscard]] std::set<std::string> namesUnderRename();
 
 } // namespace command

@@ -1,6 +1,7 @@
 // sharesnap restore: brings a share's data back to one of its snapshots.
 #include "actor.h"
 #include "failure.h"
+#include "move_lock.h"
 #include "share_lookup.h"
 #include "text.h"
 #include "verbs.h"
@@ -30,11 +31,6 @@ struct RestoreArguments {
 
 constexpr unsigned int retries = 10;
 
-// Beside the share, so that both can change places in one step.
-std::string standInPath(const QOVASHARE &share, const std::string &volume) {
-    return volume + "/@restore-" + share.szName;
-}
-
 // Subvolumes within the share are in no snapshot of it: they would be lost.
 void requireNothingNested(const QOVASHARE &share, const std::string &volume, const std::string &what) {
     List all = newList();
@@ -61,13 +57,51 @@ std::string snapshotPath(const QOVASHARE &share, const std::string &snapshot, co
     return path;
 }
 
-// A stand-in that an interrupted restore left: it is a copy of a snapshot, or what a safety snapshot holds.
-void removeStandIn(const QOVASHARE &share, const std::string &path, const std::string &what) {
-    forgetCause();
-    if (QOVABtrfsDeleteSubvolFaultTolerant(path.c_str()) < 0) {
-        throw libraryFailure(what + ": can't remove " + printable(path), share, causeNow());
+// A writable copy of the snapshot, beside the share, so that both can change places in one step. It goes with its owner;
+// one that an interrupted restore left goes before a new one is made.
+class StandIn {
+public:
+    StandIn(const QOVASHARE &share, const std::string &volume)
+        : share_(share), path_(volume + "/@restore-" + share.szName) {}
+    ~StandIn() {
+        if (stands_) {
+            (void)remove(); // a copy of a snapshot: the failure that is told is another one
+        }
     }
-}
+    StandIn(const StandIn &) = delete;
+    StandIn &operator=(const StandIn &) = delete;
+
+    [[nodiscard]] const std::string &path() const { return path_; }
+
+    void make(const std::string &source, const std::string &what) {
+        forgetCause();
+        if (!remove()) {
+            throw libraryFailure(what + ": can't remove " + printable(path_), share_, causeNow());
+        }
+        forgetCause();
+        if (QOVABtrfsSnapshotTake(source.c_str(), path_.c_str()) != 0) {
+            throw libraryFailure(what + ": no copy of the snapshot at " + printable(path_), share_, causeNow());
+        }
+        stands_ = true;
+    }
+
+    // The copy and the share change names in one system call: there is no moment without the share. 0, or errno.
+    [[nodiscard]] int exchange() {
+        const std::string data = dataPath(share_);
+        const bool done = renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, data.c_str(), RENAME_EXCHANGE) == 0;
+        return done ? 0 : errno;
+    }
+
+    bool remove() {
+        stands_ = false;
+        return QOVABtrfsDeleteSubvolFaultTolerant(path_.c_str()) == 0;
+    }
+
+private:
+    const QOVASHARE &share_;
+    std::string path_;
+    bool stands_ = false;
+};
 
 std::string keepPresent(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
     Hash attributes = newHash();
@@ -77,26 +111,20 @@ std::string keepPresent(const QOVASHARE &share, const std::string &snapshot, con
     if (ShareSnapCreateNameConflictRetry(&share, name, sizeof(name), attributes.address(), retries) != 0) {
         throw libraryFailure(what + ": its present state can't be kept as a snapshot", share, causeNow());
     }
-    (void)QOVAShareSnapCreateLogSet(&share, name, actorName().c_str(),
-                                    1); // an event that can't be written changes nothing
     return name;
 }
 
-// The copy and the share change names in one step: there is no moment without the share.
-void exchange(const QOVASHARE &share, const std::string &standIn, const std::string &what) {
-    const std::string data = dataPath(share);
-    if (renameat2(AT_FDCWD, standIn.c_str(), AT_FDCWD, data.c_str(), RENAME_EXCHANGE) == 0) {
-        return;
-    }
-    const int error = errno;
-    (void)QOVABtrfsDeleteSubvolFaultTolerant(standIn.c_str()); // only a copy of the snapshot
-    throw Failure(exitFailed, what + ": " + printable(standIn) + " and " + printable(data) +
-                                  " can't change places: " + std::strerror(error));
+// True when the tree is true afterwards.
+bool tellOfKept(const QOVASHARE &share, const std::string &kept) {
+    (void)QOVAShareSnapCreateLogSet(&share, kept.c_str(), actorName().c_str(),
+                                    1); // an event that can't be written changes nothing
+    return treeSnapshotTaken(share, kept);
 }
 
 int restoreShare(const RestoreArguments &arguments, const OutputForm &form) {
     const std::string task = "can't restore";
     requireRoot(task + " share " + quoted(arguments.share));
+    const MoveLock lock;
     const Share share = requireBtrfsShare(arguments.share, task);
     requireDataSubvolume(*share, task);
     const std::string what = task + " " + named(*share);
@@ -104,22 +132,22 @@ int restoreShare(const RestoreArguments &arguments, const OutputForm &form) {
     const std::string source = snapshotPath(*share, arguments.snapshot, what);
     requireLocked(*share, what);
     requireNothingNested(*share, volume, what);
-    const std::string standIn = standInPath(*share, volume);
-    removeStandIn(*share, standIn, what);
 
+    // The copy comes first: what is written between the snapshot of the present and the exchange is in no snapshot.
+    StandIn standIn(*share, volume);
+    standIn.make(source, what);
     const std::string kept = keepPresent(*share, arguments.snapshot, what);
-    bool treeIsTrue = treeSnapshotTaken(*share, kept);
-    forgetCause();
-    if (QOVABtrfsSnapshotTake(source.c_str(), standIn.c_str()) != 0) {
-        throw libraryFailure(what + ": no copy of the snapshot at " + printable(standIn), *share, causeNow());
+    const int error = standIn.exchange();
+    bool treeIsTrue = tellOfKept(*share, kept);
+    if (error != 0) {
+        throw Failure(exitFailed, what + ": " + printable(standIn.path()) + " and " + printable(dataPath(*share)) +
+                                      " can't change places: " + std::strerror(error));
     }
-    exchange(*share, standIn, what);
     treeIsTrue = treeShareRestored(*share, arguments.snapshot) && treeIsTrue;
-    forgetCause();
-    const bool removed = QOVABtrfsDeleteSubvolFaultTolerant(standIn.c_str()) == 0;
+    const bool removed = standIn.remove();
     if (!removed) {
-        complain("the share is restored, but what was there before still stands at " + printable(standIn),
-                 "remove it with: btrfs subvolume delete " + printable(standIn));
+        complain("the share is restored, but what was there before still stands at " + printable(standIn.path()),
+                 "remove it with: btrfs subvolume delete " + printable(standIn.path()));
     }
     if (form.json) {
         Json document = newDocument();

@@ -23,7 +23,13 @@ namespace {
 
 bool exists(const std::string &path) {
     struct stat status = {};
-    return lstat(path.c_str(), &status) == 0;
+    if (lstat(path.c_str(), &status) == 0) {
+        return true;
+    }
+    if (errno != ENOENT) {
+        throw Failure(exitFailed, "can't look at " + printable(path) + ": " + std::strerror(errno));
+    }
+    return false;
 }
 
 std::string dataPathOf(const QOVASHARE &share, const std::string &path) {
@@ -69,9 +75,40 @@ private:
         return "can't rename share " + quoted(intent_.oldName) + " to " + quoted(intent_.newName);
     }
 
-    static bool inDatabase(const std::string &name) {
+    // What can't be looked at is not taken for absent: the note would go, and the rest of the share stay behind.
+    [[nodiscard]] bool stands(int result, const std::string &part) const {
+        const Cause cause = causeNow();
+        if (result < 0) {
+            throw libraryFailure(what() + ": " + part, share_, cause);
+        }
+        return result == 1;
+    }
+
+    [[nodiscard]] bool inDatabase(const std::string &name) const {
         int found = 0;
-        return QLIBShareIsExist(name.c_str(), &found) == 0 && found != 0;
+        forgetCause();
+        const int result = QLIBShareIsExist(name.c_str(), &found);
+        return stands(result != 0 ? -1 : found != 0, "the list of shares");
+    }
+
+    [[nodiscard]] bool hasSettings(const std::string &name) const {
+        Hash pairs = newHash();
+        forgetCause();
+        return stands(QOVAShareSnapConfList(name.c_str(), pairs.address()), "its settings");
+    }
+
+    [[nodiscard]] bool hasList(const QOVASHARE &share) const {
+        char path[4096] = "";
+        forgetCause();
+        const int result = SnapMetaGetOrCreateFile(&share, path, sizeof(path), 0);
+        return stands(result, "its list of snapshots " + printable(path));
+    }
+
+    [[nodiscard]] bool hasSnapshots(const QOVASHARE &share) const {
+        char path[4096] = "";
+        forgetCause();
+        const int result = SnapGetOrCreateSubvolumeWithShare(&share, "@sharesnap", path, sizeof(path), 0);
+        return stands(result, "its snapshots " + printable(path));
     }
 
     void moveRecord() {
@@ -85,10 +122,7 @@ private:
     }
 
     void moveSettings() {
-        Hash old = newHash();
-        Hash taken = newHash();
-        if (QOVAShareSnapConfList(intent_.oldName.c_str(), old.address()) != 1 ||
-            QOVAShareSnapConfList(intent_.newName.c_str(), taken.address()) == 1) {
+        if (!hasSettings(intent_.oldName) || hasSettings(intent_.newName)) {
             return;
         }
         forgetCause();
@@ -115,9 +149,7 @@ private:
     void moveMetadata() {
         Ends ends;
         fillEnds(ends);
-        char path[4096] = "";
-        if (SnapMetaGetOrCreateFile(&ends.from, path, sizeof(path), 0) != 1 ||
-            SnapMetaGetOrCreateFile(&ends.to, path, sizeof(path), 0) == 1) {
+        if (!hasList(ends.from) || hasList(ends.to)) {
             return;
         }
         forgetCause();
@@ -129,9 +161,7 @@ private:
     void moveSnapshots() {
         Ends ends;
         fillEnds(ends);
-        char path[4096] = "";
-        if (SnapGetOrCreateSubvolumeWithShare(&ends.from, "@sharesnap", path, sizeof(path), 0) != 1 ||
-            SnapGetOrCreateSubvolumeWithShare(&ends.to, "@sharesnap", path, sizeof(path), 0) == 1) {
+        if (!hasSnapshots(ends.from) || hasSnapshots(ends.to)) {
             return;
         }
         forgetCause();
@@ -194,7 +224,7 @@ int endRename(const RenameIntent &intent, bool undo) {
     const RenameIntent direction = undo ? backwards(intent) : intent;
     Move(*share, direction).run();
     const Share renamed = requireShare(direction.newName);
-    const bool treeIsTrue = treeShareRenamed(*renamed, direction.oldName, direction.newName);
+    const bool treeIsTrue = treeShareRenamed(*renamed, {direction.oldName, direction.newName, intent.newName});
     removeIntent(intent);
     return treeIsTrue ? exitDone : exitInPart;
 }

@@ -1,5 +1,7 @@
 // Giving a share another name: record, files, snapshots, list, settings and holds go along.
 #include "failure.h"
+#include "move_lock.h"
+#include "rename_guard.h"
 #include "rename_intent.h"
 #include "share_admin.h"
 #include "share_lookup.h"
@@ -10,7 +12,6 @@
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/metadata.h>
 #include <sharesnap/platform/error.h>
-#include <sharesnap/platform/file_lock.h>
 #include <sharesnap/platform/share_admin.h>
 
 namespace command {
@@ -39,34 +40,6 @@ void requireNoLeftovers(const QOVASHARE &share, const std::string &what) {
                           codeName(hasList ? SNAP_ERR_ALREADY_EXISTS : SNAP_ERR_SNAPSHOT_EXISTS) + "]",
                       "choose another name, or move them away");
     }
-}
-
-// One rename at a time: two that cross each other's names can't be told apart afterwards.
-class RenameLock {
-public:
-    RenameLock() {
-        (void)QOVAShareSnapCreateRunLockShareSnapDir(); // the attempt to lock tells
-        if (QLIBCFileLockTimeByFile("/run/lock/sharesnap/share_rename.lock", 1, 10, &fd_) == 0) {
-            throw Failure(exitFailed, "another rename of a share is under way", "try again when it is done");
-        }
-    }
-    ~RenameLock() { (void)QLIBCFileUnlockByFile(fd_); } // ends with the process at the latest
-    RenameLock(const RenameLock &) = delete;
-    RenameLock &operator=(const RenameLock &) = delete;
-
-private:
-    int fd_ = -1;
-};
-
-void requireNoInterruptedRename(const std::string &name) {
-    const auto pending = readIntent(name);
-    if (!pending) {
-        return;
-    }
-    const std::string shown = printable(name);
-    throw Failure(exitRefused,
-                  "a rename of share " + quoted(name) + " to " + quoted(pending->newName) + " was interrupted",
-                  "`sharesnap share rename " + shown + " --finish` or `sharesnap share rename " + shown + " --undo`");
 }
 
 // The library carries settings, list, snapshots and data, and goes back by itself when one of them fails. Until the data
@@ -118,7 +91,7 @@ int renameShare(const ShareRenaming &renaming) {
     }
     if (renaming.finish || renaming.undo) {
         requireRoot("can't rename share " + quoted(renaming.name));
-        const RenameLock lock;
+        const MoveLock lock;
         const auto pending = readIntent(renaming.name);
         if (!pending) {
             throw Failure(exitNotFound, "no rename of share " + quoted(renaming.name) + " was interrupted");
@@ -128,8 +101,8 @@ int renameShare(const ShareRenaming &renaming) {
     checkShareName(renaming.newName);
     const std::string what = "can't rename share " + quoted(renaming.name) + " to " + quoted(renaming.newName);
     requireRoot(what);
-    const RenameLock lock;
-    requireNoInterruptedRename(renaming.name);
+    const MoveLock lock;
+    requireNoInterruptedRename({renaming.name, renaming.newName});
     return beginRename(renaming, what);
 }
 

@@ -4,6 +4,7 @@
 #include "share_lookup.h"
 #include "snapshots.h"
 #include "text.h"
+#include "tree_strangers.h"
 #include "verbs.h"
 #include "volume_tree.h"
 
@@ -63,10 +64,19 @@ Difference compare(const QOVASHARE &share) {
 struct Report {
     Table table{{"SHARE", "SNAPSHOT", "CHANGE"}};
     Json shares = Json::array();
+    Json trees = Json::array();
     int done = 0;
     int failed = 0;
     bool treesAreTrue = true;
 };
+
+Json arrayOf(const std::vector<std::string> &items) {
+    Json array = Json::array();
+    for (const std::string &item : items) {
+        array.push_back(item);
+    }
+    return array;
+}
 
 void addToReport(Report &report, const std::string &share, const Difference &difference, bool dryRun) {
     const std::string would = dryRun ? "would be " : "";
@@ -76,17 +86,10 @@ void addToReport(Report &report, const std::string &share, const Difference &dif
     for (const std::string &name : difference.missing) {
         report.table.addRow({share, name, would + "added to the list: it stands on the volume"});
     }
-    const auto names = [](const std::vector<std::string> &items) {
-        Json array = Json::array();
-        for (const std::string &item : items) {
-            array.push_back(item);
-        }
-        return array;
-    };
     Json entry = Json::object();
     entry["name"] = share;
-    entry["removed"] = names(difference.stale);
-    entry["added"] = names(difference.missing);
+    entry["removed"] = arrayOf(difference.stale);
+    entry["added"] = arrayOf(difference.missing);
     report.shares.push_back(entry);
 }
 
@@ -111,9 +114,31 @@ void syncOne(const std::string &name, bool dryRun, Report &report) {
     addToReport(report, name, before, dryRun);
 }
 
+// What the trees have of shares that were removed or renamed while a tree couldn't be rewritten.
+void syncTrees(bool dryRun, Report &report) {
+    const std::string would = dryRun ? "would be " : "";
+    for (const std::string &volume : volumesWithTree()) {
+        try {
+            const std::vector<std::string> strangers = dryRun ? treeStrangers(volume) : dropTreeStrangers(volume);
+            for (const std::string &name : strangers) {
+                report.table.addRow(
+                    {name, "-", would + "taken from the tree of " + printable(volume) + ": it is no share"});
+            }
+            Json entry = Json::object();
+            entry["volume"] = volume;
+            entry["removed"] = arrayOf(strangers);
+            report.trees.push_back(entry);
+        } catch (const Failure &failure) {
+            complain(failure.message(), failure.next());
+            report.treesAreTrue = false;
+        }
+    }
+}
+
 void syncAll(const SyncArguments &arguments, Report &report) {
     Progress progress;
-    for (const std::string &name : shareNames()) {
+    const std::vector<std::string> names = shareNames();
+    for (const std::string &name : names) {
         try {
             if (!onBtrfs(*requireShare(name))) {
                 continue;
@@ -126,6 +151,10 @@ void syncAll(const SyncArguments &arguments, Report &report) {
             complain(failure.message(), failure.next());
             ++report.failed;
         }
+    }
+    progress.clear();
+    if (!names.empty()) { // no share at all is rather a list that is out of its place
+        syncTrees(arguments.dryRun, report);
     }
 }
 
@@ -144,6 +173,7 @@ int syncShares(const SyncArguments &arguments, const OutputForm &form) {
         Json document = newDocument();
         document["dry_run"] = arguments.dryRun;
         document["shares"] = report.shares;
+        document["trees"] = report.trees;
         printDocument(document);
     } else {
         report.table.print(form);

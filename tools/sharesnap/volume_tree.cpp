@@ -90,6 +90,13 @@ bool told(const QOVASHARE &share, const std::function<void(SnapTree &)> &rewrite
     return !volume.empty() && told(volume, rewrite);
 }
 
+// A change whose ground was prepared is refused only by a damaged tree: nothing of the cycle is saved then.
+void require(int result, const std::string &refused) {
+    if (result != 0) {
+        throw Failure(exitFailed, refused, "`sharesnap sync --all` puts the tree right");
+    }
+}
+
 bool isOwnSnapshot(const nodeName &name, const std::string &object) {
     return name.type == NODE_SNAPSHOT && name.objectName == object;
 }
@@ -119,7 +126,7 @@ void putSnapshot(SnapTree &tree, const std::string &share, const std::string &sn
         below = parent;
     }
     if (below == owner) {
-        (void)tree.insertSnap(object, name); // both names were looked up
+        require(tree.insertSnap(object, name), treeText(name) + " can't be put in");
         return;
     }
     SnapshotNode node(name, below->parent());
@@ -137,7 +144,7 @@ void putShare(SnapTree &tree, const QOVASHARE &share) {
     if (tree.getObject(treeObject(share.szName)) != nullptr) {
         return;
     }
-    (void)tree.insertObject(treeObject(share.szName));
+    require(tree.insertObject(treeObject(share.szName)), treeText(treeObject(share.szName)) + " can't be put in");
     Selection all;
     all.hidden = true;
     for (const Snapshot &snapshot : gatherSnapshots(share, all)) {
@@ -155,9 +162,12 @@ void syncShare(SnapTree &tree, const QOVASHARE &share) {
     for (const Snapshot &snapshot : snapshots) {
         listed.insert(snapshot.name);
     }
-    for (const nodeName &name : tree.getObject(treeObject(share.szName))->listSnapshots()) {
-        if (listed.count(name.snapName) == 0) {
-            (void)tree.deleteObjectSnap(treeObject(share.szName), name); // it was listed a moment ago
+    const nodeName object = treeObject(share.szName);
+    for (const nodeName &name : tree.getObject(object)->listSnapshots()) {
+        if (name.objectName != object.objectName) {
+            tree.getObject(object)->deleteSnapshot(name); // in a damaged tree; it would stand for something else
+        } else if (listed.count(name.snapName) == 0) {
+            require(tree.deleteObjectSnap(object, name), treeText(name) + " can't be taken out");
         }
     }
     for (const Snapshot &snapshot : snapshots) {
@@ -200,12 +210,9 @@ SnapshotNode renamedSnapshot(const SnapshotNode &node, const std::string &oldNam
     return copy;
 }
 
-// Rebuilds the nodes of a share under its new name.
-void renameShare(SnapTree &tree, const std::string &oldName, const std::string &newName) {
+// Rebuilds the nodes of a share, which the tree has under its old name alone, under its new one.
+void renameNodes(SnapTree &tree, const std::string &oldName, const std::string &newName) {
     const ObjectNode *object = tree.getObject(treeObject(oldName));
-    if (object == nullptr || tree.getObject(treeObject(newName)) != nullptr) {
-        return;
-    }
     ObjectNode copy(*object);
     copy.changeName(treeObject(newName));
     copy.changeParent(renamed(object->parent(), oldName, newName));
@@ -218,6 +225,22 @@ void renameShare(SnapTree &tree, const std::string &oldName, const std::string &
     }
     tree.deleteObject(treeObject(oldName));
     (void)tree.addObject(copy);
+}
+
+void renameShare(SnapTree &tree, const QOVASHARE &share, const Renaming &renaming) {
+    const auto has = [&](const std::string &name) { return tree.getObject(treeObject(name)) != nullptr; };
+    const bool both = has(renaming.from) && has(renaming.to);
+    if (both) {
+        treeForget(tree, renaming.doubtful);
+    }
+    if (has(renaming.from)) {
+        renameNodes(tree, renaming.from, renaming.to);
+    }
+    if (both) {
+        syncShare(tree, share); // the one that went may have been told of snapshots that the other wasn't
+    } else {
+        putShare(tree, share);
+    }
 }
 
 } // namespace
@@ -240,7 +263,10 @@ void readTree(const std::string &volume, SnapTree &tree) {
 }
 
 bool treeSharePut(const QOVASHARE &share) {
-    return told(share, [&](SnapTree &tree) { putShare(tree, share); });
+    return told(share, [&](SnapTree &tree) {
+        treeForget(tree, share.szName);
+        putShare(tree, share);
+    });
 }
 
 bool treeSnapshotTaken(const QOVASHARE &share, const std::string &snapshot) {
@@ -260,15 +286,20 @@ bool treeSnapshotsDeleted(const QOVASHARE &share, const std::vector<std::string>
     });
 }
 
-bool treeShareCloned(const QOVASHARE &share, const std::string &newName, const std::string &snapshot) {
+bool treeShareCloned(const QOVASHARE &share, const QOVASHARE &clone, const std::string &snapshot) {
+    const nodeName source = treeObject(share.szName);
+    const nodeName object = treeObject(clone.szName);
     return told(share, [&](SnapTree &tree) {
+        treeForget(tree, clone.szName);
         putShare(tree, share);
         if (snapshot.empty()) {
-            (void)tree.insertObjectClone(treeObject(share.szName), treeObject(newName)); // it stands already otherwise
-            return;
+            require(tree.insertObjectClone(source, object), treeText(object) + " can't be put in");
+        } else {
+            putSnapshot(tree, share.szName, snapshot);
+            require(tree.insertSnapClone(source, treeSnapshot(share.szName, snapshot), object),
+                    treeText(object) + " can't be put in");
         }
-        putSnapshot(tree, share.szName, snapshot);
-        (void)tree.insertSnapClone(treeObject(share.szName), treeSnapshot(share.szName, snapshot), treeObject(newName));
+        syncShare(tree, clone); // somebody may have taken a snapshot of it meanwhile
     });
 }
 
@@ -276,24 +307,30 @@ bool treeShareRestored(const QOVASHARE &share, const std::string &snapshot) {
     return told(share, [&](SnapTree &tree) {
         putShare(tree, share);
         putSnapshot(tree, share.szName, snapshot);
-        (void)tree.restoreObject(treeObject(share.szName), treeSnapshot(share.szName, snapshot)); // both stand
+        const nodeName object = treeObject(share.szName);
+        require(tree.restoreObject(object, treeSnapshot(share.szName, snapshot)), treeText(object) + " can't be moved");
     });
 }
 
-bool treeShareRenamed(const QOVASHARE &share, const std::string &oldName, const std::string &newName) {
-    return told(share, [&](SnapTree &tree) { renameShare(tree, oldName, newName); });
+bool treeShareRenamed(const QOVASHARE &share, const Renaming &renaming) {
+    return told(share, [&](SnapTree &tree) { renameShare(tree, share, renaming); });
 }
 
 bool treeShareRemoved(const std::string &volume, const std::string &name) {
-    return told(volume, [&](SnapTree &tree) {
-        nodeName whole;
-        whole.type = NODE_SNAPSHOT;
-        (void)tree.deleteObjectSnap(treeObject(name), whole); // a share that the tree never knew
-    });
+    return told(volume, [&](SnapTree &tree) { treeForget(tree, name); });
 }
 
 bool treeSynced(const QOVASHARE &share) {
     return told(share, [&](SnapTree &tree) { syncShare(tree, share); });
+}
+
+void treeForget(SnapTree &tree, const std::string &share) {
+    if (tree.getObject(treeObject(share)) == nullptr) {
+        return;
+    }
+    nodeName whole;
+    whole.type = NODE_SNAPSHOT;
+    require(tree.deleteObjectSnap(treeObject(share), whole), treeText(treeObject(share)) + " can't be taken out");
 }
 
 std::vector<const BaseNode *> treeNodes(const SnapTree &tree) {

@@ -19,15 +19,26 @@ void readTree(const std::string &volume, QovaSnapTree::SnapTree &tree);
 
 // What a verb did, told to the tree of the share's volume. None of these throws: what was done stands, so a tree that
 // can't be rewritten is only complained about. True when the tree is true again.
+
+// A new share. What the tree has under its name is of an earlier share and goes.
 [[nodiscard]] bool treeSharePut(const QOVASHARE &share);
 [[nodiscard]] bool treeSnapshotTaken(const QOVASHARE &share, const std::string &snapshot);
 [[nodiscard]] bool treeSnapshotsDeleted(const QOVASHARE &share, const std::vector<std::string> &snapshots);
-[[nodiscard]] bool treeShareCloned(const QOVASHARE &share, const std::string &newName, const std::string &snapshot);
+// A new share, too. Without a snapshot the share itself was cloned.
+[[nodiscard]] bool treeShareCloned(const QOVASHARE &share, const QOVASHARE &clone, const std::string &snapshot);
 [[nodiscard]] bool treeShareRestored(const QOVASHARE &share, const std::string &snapshot);
-[[nodiscard]] bool treeShareRenamed(const QOVASHARE &share, const std::string &oldName, const std::string &newName);
+struct Renaming {
+    std::string from;
+    std::string to;
+    std::string doubtful; // whichever of them was to be the new name: in a tree that has both it is not the share's own
+};
+[[nodiscard]] bool treeShareRenamed(const QOVASHARE &share, const Renaming &renaming);
 [[nodiscard]] bool treeShareRemoved(const std::string &volume, const std::string &name);
 // The share and its snapshots as its list has them: missing nodes are put in by their time, others go.
 [[nodiscard]] bool treeSynced(const QOVASHARE &share);
+
+// Takes a share with all its snapshots out of the tree, if it has it. Throws a Failure.
+void treeForget(QovaSnapTree::SnapTree &tree, const std::string &share);
 
 // Every node that can be reached from the root, parents before children.
 [[nodiscard]] std::vector<const QovaSnapTree::BaseNode *> treeNodes(const QovaSnapTree::SnapTree &tree);
