@@ -3,6 +3,7 @@
 #include <sharesnap/snaptree.hpp>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
@@ -24,6 +25,9 @@ using testkit::objectName;
 using testkit::snapName;
 using testkit::treeName;
 
+constexpr char kFile[] = "/vol1/@eaDir/snaptree.bin";
+constexpr size_t kFreshBytes = 179; // of a tree without a node but the root
+
 // The text form of a name is its key here; what follows from it is kept beside it.
 struct Node {
     nodeName name;
@@ -44,9 +48,11 @@ public:
     Model() { nodes["root"] = Node{testkit::rootName(), "", {}, -1}; }
 
     std::map<std::string, Node> nodes;
+    std::map<std::string, nodeName> removed; // and not made again since
 
     void link(const nodeName &name, const std::string &parent, long time = -1) {
         nodes[nameText(name)] = Node{name, parent, {}, time};
+        removed.erase(nameText(name));
         nodes[parent].children.insert(nameText(name));
     }
 
@@ -56,11 +62,23 @@ public:
         nodes[parent].children.insert(node);
     }
 
+    // Takes a node without children out.
+    void remove(const std::string &node) {
+        nodes[nodes[node].parent].children.erase(node);
+        removed[node] = nodes[node].name;
+        nodes.erase(node);
+    }
+
+    // Older, or of two equally old ones the first in the order of hashes.
+    static bool climbsBefore(const Node &child, const Node &other) {
+        return child.time < other.time || (child.time == other.time && NodeNameComparator()(child.name, other.name));
+    }
+
     // The oldest child snapshot takes the place of a removed one, and the other children with it.
     void removeSnapshot(const std::string &snap) {
         std::string heir;
         for (const std::string &child : nodes[snap].children) {
-            if (nodes[child].time >= 0 && (heir.empty() || nodes[child].time < nodes[heir].time)) {
+            if (nodes[child].time >= 0 && (heir.empty() || climbsBefore(nodes[child], nodes[heir]))) {
                 heir = child;
             }
         }
@@ -74,8 +92,7 @@ public:
                 move(child, heir.empty() ? parent : heir);
             }
         }
-        nodes[parent].children.erase(snap);
-        nodes.erase(snap);
+        remove(snap);
     }
 
     [[nodiscard]] std::vector<std::string> ofType(int type) const {
@@ -104,8 +121,7 @@ public:
             again = false;
             for (const std::string &point : ofType(NODE_CLONE_POINT)) {
                 if (nodes[point].children.empty()) {
-                    nodes[nodes[point].parent].children.erase(point);
-                    nodes.erase(point);
+                    remove(point);
                     again = true;
                 }
             }
@@ -125,6 +141,26 @@ public:
             }
         }
         return "";
+    }
+
+    // Every object goes, one after another: nothing is left, neither in memory nor in the file.
+    std::string clear() {
+        for (const std::string &objectKey : model_.ofType(NODE_OBJECT)) {
+            const nodeName object = model_.nodes[objectKey].name;
+            const std::string done = removeObject(object, objectKey, model_.snapshotsOf(object.objectName));
+            const std::string wrong = compare();
+            if (!wrong.empty()) {
+                return "clear (" + done + "): " + wrong;
+            }
+        }
+        model_.prune();
+        tree_.setTreeFile(kFile);
+        if (!tree_.save()) {
+            return "the empty tree can't be saved";
+        }
+        const std::string wrong = compare();
+        const size_t cb = testkit::readFile(kFile).size();
+        return cb == kFreshBytes ? wrong : "the empty tree has " + std::to_string(cb) + " bytes";
     }
 
     // Notes on some nodes, and useless clone points gone from both sides, as a save would have it.
@@ -172,12 +208,36 @@ private:
         return wanted == got ? what : what + " gave " + std::to_string(got) + "!";
     }
 
-    std::string newObject() { return "o" + std::to_string(made_++); }
+    // Every third one has a name that was there before, when there is one.
+    std::string newObject() {
+        ++made_;
+        for (const auto &entry : model_.removed) {
+            if (made_ % 3 == 0 && entry.second.type == NODE_OBJECT) {
+                return entry.second.objectName;
+            }
+        }
+        return "o" + std::to_string(made_);
+    }
 
-    // Unique seconds of a past day; now and then a name that holds no time.
+    // The second of the day, or -1.
+    static long timeOf(const std::string &snap) {
+        unsigned int hours = 0;
+        unsigned int minutes = 0;
+        unsigned int seconds = 0;
+        const bool timed = sscanf(snap.c_str(), "GMT-2024.01.01-%2u.%2u.%2u", &hours, &minutes, &seconds) == 3;
+        return timed ? static_cast<long>(hours * 3600 + minutes * 60 + seconds) : -1;
+    }
+
+    // Seconds of a past day, some of them equal; now and then a name that holds no time.
     nodeName newSnapshot(const std::string &object, unsigned int choice, long *time) {
         char text[40];
-        const unsigned int number = (made_++ * 7919U + choice) % 80000U;
+        for (const auto &entry : model_.removed) {
+            if (choice % 7 == 0 && entry.second.type == NODE_SNAPSHOT && entry.second.objectName == object) {
+                *time = timeOf(entry.second.snapName);
+                return entry.second;
+            }
+        }
+        const unsigned int number = (made_++ * 7919U + choice) % 3000U * 28U;
         *time = static_cast<long>(number);
         if (choice % 9 == 0) {
             *time = -1;
@@ -268,13 +328,12 @@ private:
         for (const std::string &snap : ordered) {
             model_.removeSnapshot(snap);
         }
-        model_.nodes[model_.nodes[objectKey].parent].children.erase(objectKey);
-        model_.nodes.erase(objectKey);
+        model_.remove(objectKey);
         return expect(0, tree_.deleteObjectSnap(object, treeName(NODE_SNAPSHOT)), "delete " + objectKey);
     }
 
-    // Every node of the model stands in the tree with the same parent and children, and the tree holds no others: that
-    // contains all invariants, since the model's links are whole.
+    // Every node of the model stands in the tree with the same parent and children, and what the model has removed is
+    // nowhere: that contains all invariants, since the model's links are whole.
     [[nodiscard]] std::string compare() const {
         size_t owned = 0;
         for (const auto &entry : model_.nodes) {
@@ -299,12 +358,19 @@ private:
         if (owned != model_.ofType(NODE_SNAPSHOT).size()) {
             return "the objects own " + std::to_string(owned) + " snapshots";
         }
+        for (const auto &entry : model_.removed) {
+            if (tree_.getNode(entry.second) != nullptr) {
+                return entry.first + " is still there";
+            }
+        }
         return "";
     }
 };
 
 std::string playAlone(const std::vector<Step> &steps) {
-    return Play().play(steps);
+    Play run;
+    const std::string wrong = run.play(steps);
+    return wrong.empty() ? run.clear() : wrong;
 }
 
 // Leaves steps out as long as the rest still fails.
@@ -330,14 +396,27 @@ std::vector<Step> randomSteps(std::mt19937 &random) {
     return steps;
 }
 
-class TreeModel : public testkit::SandboxTest {};
+class TreeModel : public testkit::SandboxTest {
+protected:
+    void SetUp() override {
+        SandboxTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
+        ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
+        ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
+    }
+};
 
 TEST_F(TreeModel, AgreesWithRandomRewrites) {
     const char *wanted = std::getenv("SHARESNAP_TREE_SEQUENCES");
     const unsigned long sequences = wanted == nullptr ? 1000 : std::strtoul(wanted, nullptr, 10);
     std::mt19937 random(20260102);
+    size_t taken = 0;
     for (unsigned long sequence = 0; sequence < sequences; ++sequence) {
         std::vector<Step> steps = randomSteps(random);
+        taken += steps.size();
         const std::string wrong = playAlone(steps);
         if (wrong.empty()) {
             testkit::logClear();
@@ -351,15 +430,11 @@ TEST_F(TreeModel, AgreesWithRandomRewrites) {
         }
         FAIL() << "sequence " << sequence << ": " << wrong << "\nshrunk to " << text << "\n" << playAlone(steps);
     }
-    RecordProperty("sequences", std::to_string(sequences));
+    std::printf("[  TREE    ] %lu sequences, %zu steps\n", sequences, taken);
 }
 
 // Random trees come back from their file as they were, to the order of children and the infos.
 TEST_F(TreeModel, SavedTreesComeBackWhole) {
-    constexpr char file[] = "/vol1/@eaDir/snaptree.bin";
-    ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
-    ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
-    ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
     std::mt19937 random(4711);
     SnapTree reader; // one for all: what it held before doesn't show through
     size_t lines = 0;
@@ -369,14 +444,14 @@ TEST_F(TreeModel, SavedTreesComeBackWhole) {
         ASSERT_NO_FATAL_FAILURE(run.prepareForSave(random));
         const std::string before = run.described(run.tree());
         lines += static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
-        run.tree().setTreeFile(file);
+        run.tree().setTreeFile(kFile);
         ASSERT_TRUE(run.tree().save());
         EXPECT_EQ(before, run.described(run.tree())) << "a save changed the tree in memory";
-        const std::string bytes = testkit::readFile(file);
+        const std::string bytes = testkit::readFile(kFile);
         ASSERT_EQ(0, reader.loadByVolume("/vol1", true));
         ASSERT_EQ(before, run.described(reader)) << "sequence " << sequence;
         ASSERT_TRUE(reader.save());
-        EXPECT_EQ(bytes, testkit::readFile(file));
+        EXPECT_EQ(bytes, testkit::readFile(kFile));
         testkit::logClear();
     }
     EXPECT_LT(2000u, lines);
