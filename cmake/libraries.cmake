@@ -57,10 +57,7 @@ sharesnap_platform_library(qovasysnotify LINKS qovacore)
 sharesnap_platform_library(qovanetsdk LINKS qovacore)
 
 # Where the platform finds the program that it runs for the name /sbin/btrfs.
-foreach(name qovacore qovastoragecore)
-    target_compile_definitions(${name} PRIVATE SHARESNAP_LIBEXECDIR="${SHARESNAP_LIBEXECDIR}"
-                                               SHARESNAP_BTRFS_TOOL="${SHARESNAP_LIBEXECDIR}/btrfs")
-endforeach()
+target_compile_definitions(qovacore PRIVATE SHARESNAP_BTRFS_TOOL="${SHARESNAP_LIBEXECDIR}/btrfs")
 
 # One room, one object library; all rooms together are the shared library.
 set(room_objects "")

@@ -183,12 +183,4 @@ int ShareIdsToNames(const char *szUids, const char *szGids, char **ppResult) {
     return EmptyIfNull(ppResult) < 0 ? -1 : nResult;
 }
 
-unsigned long long QuotaToInteger(float fQuota) {
-    constexpr float kLimit = 18446744073709551616.0F; // 2^64; what lies outside has no defined conversion
-    if (!(fQuota > 0.0F)) {
-        return 0;
-    }
-    return fQuota >= kLimit ? ~0ULL : static_cast<unsigned long long>(fQuota);
-}
-
 } // namespace sharesnap

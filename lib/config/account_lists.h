@@ -15,16 +15,13 @@ struct IdTexts {
 };
 
 // Splits "alice,@staff" into the ids of its users and of its groups, joined by ','. An account that can't be resolved
-// drops out. *pszUids and *pszGids may start null and are never null after a 0. 0 or -1.
+// drops out. Both result texts may start null and are never null after a 0. 0 or -1.
 [[nodiscard]] int ShareNamesToIds(const char *szStr, char **szUidsResult, int *pcbUidsResultSize, char **szGidsResult,
                                   int *pcbGidsResultSize);
 
 // The way back: users first, then groups with a leading '@'. *ppResult starts null; once the arguments are good it is
 // never null afterwards. 0 or -1.
 [[nodiscard]] int ShareIdsToNames(const char *szUids, const char *szGids, char **ppResult);
-
-// A quota as the platform gives it, cut to a whole number over the unsigned range.
-[[nodiscard]] unsigned long long QuotaToInteger(float fQuota);
 
 } // namespace sharesnap
 #endif

@@ -58,11 +58,11 @@ int ShareEaDirGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
         SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
         return -1;
     }
-    char szBase[kShareConfigPathSize];
+    char szBase[kPathSize];
     if (ShareBasePathGet(pShare, szBase, sizeof(szBase)) < 0) {
         return -1;
     }
-    if (!FormatPath(szPath, kShareConfigPathSize, "%s/%s", szBase, kEaDirName)) {
+    if (!FormatPath(szPath, kPathSize, "%s/%s", szBase, kEaDirName)) {
         return -1;
     }
     const int nExist = CheckDir(szPath);
@@ -85,12 +85,12 @@ int ShareConfigDirGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
         SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
         return -1;
     }
-    char szEaDir[kShareConfigPathSize];
+    char szEaDir[kPathSize];
     if (ShareEaDirGet(pShare, szEaDir, blCreate) != 1) {
         SNAP_SET_ERR(SNAP_ERR_EA_DIR_UNAVAILABLE);
         return -1;
     }
-    if (!FormatPath(szPath, kShareConfigPathSize, "%s/%s", szEaDir, kShareConfigDirName)) {
+    if (!FormatPath(szPath, kPathSize, "%s/%s", szEaDir, kShareConfigDirName)) {
         return -1;
     }
     const int nExist = CheckDir(szPath);
@@ -121,7 +121,7 @@ int ShareConfigFileGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
         SNAP_SET_ERR(SNAP_ERR_BAD_PARAMETER);
         return -1;
     }
-    char szDirectory[kShareConfigPathSize];
+    char szDirectory[kPathSize];
     const int nDirectory = ShareConfigDirGet(pShare, szDirectory, blCreate);
     if (nDirectory != 1) {
         if (blCreate != 0 || nDirectory < 0) {
@@ -130,7 +130,7 @@ int ShareConfigFileGet(const QOVASHARE *pShare, char *szPath, int blCreate) {
         }
         return 0;
     }
-    if (!FormatPath(szPath, kShareConfigPathSize, "%s/%s", szDirectory, kShareConfigFileName)) {
+    if (!FormatPath(szPath, kPathSize, "%s/%s", szDirectory, kShareConfigFileName)) {
         return -1;
     }
     const int nExist = CheckFile(szPath);
@@ -156,7 +156,7 @@ int ShareConfigLock(const char *szShareName, ConfigLockMode mode) {
     if (QOVAShareSnapCreateRunLockShareSnapDir() != 1 || GetOrCreateRunDirectory(kLockDirectory) != 1) {
         return -1;
     }
-    char szPath[kShareConfigPathSize];
+    char szPath[kPathSize];
     if (!FormatPath(szPath, sizeof(szPath), "%s/%s.lock", kLockDirectory, szShareName)) {
         return -1;
     }

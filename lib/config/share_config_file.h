@@ -6,9 +6,10 @@
 
 #include <cstddef>
 
+#include "frame/path_format.h"
+
 namespace sharesnap {
 
-constexpr std::size_t kShareConfigPathSize = 4096;
 constexpr char kShareInfoSection[] = "share_info";
 constexpr char kEaDirName[] = "@eaDir";
 constexpr char kShareConfigDirName[] = "sharesnap_share_configuration";
@@ -19,7 +20,7 @@ enum class ConfigLockMode { kShared = 0, kExclusive = 1 };
 // The directory of the share's data: its path, or the back end of an encrypted share. 0 or -1.
 [[nodiscard]] int ShareBasePathGet(const QOVASHARE *pShare, char *szPath, std::size_t cbPath);
 
-// Each gives 1 (it stands or was made), 0 (it doesn't) or -1; szPath has kShareConfigPathSize bytes.
+// Each gives 1 (it stands or was made), 0 (it doesn't) or -1; szPath has kPathSize bytes.
 [[nodiscard]] int ShareEaDirGet(const QOVASHARE *pShare, char *szPath, int blCreate);
 [[nodiscard]] int ShareConfigDirGet(const QOVASHARE *pShare, char *szPath, int blCreate);
 [[nodiscard]] int ShareConfigFileGet(const QOVASHARE *pShare, char *szPath, int blCreate);

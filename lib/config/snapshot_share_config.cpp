@@ -48,6 +48,15 @@ struct Capture {
     return SetText(capture, szKey, szValue);
 }
 
+// A quota as the platform gives it, cut to a whole number over the unsigned range.
+[[nodiscard]] unsigned long long QuotaToInteger(float fQuota) {
+    constexpr float kLimit = 18446744073709551616.0F; // 2^64; what lies outside has no defined conversion
+    if (!(fQuota > 0.0F)) {
+        return 0;
+    }
+    return fQuota >= kLimit ? ~0ULL : static_cast<unsigned long long>(fQuota);
+}
+
 [[nodiscard]] int SetQuota(const Capture &capture) {
     QOVASHAREQUOTA quota;
     static_assert(sizeof(quota) == 24, "the platform's quota record has 24 bytes");
@@ -98,7 +107,7 @@ struct Capture {
         SNAP_LOG_REG(LOG_ERR, "Quota is not enough for share(%s)[0x%04X %s:%d]", pShare->szName);
         return -1;
     }
-    char szTarget[kShareConfigPathSize];
+    char szTarget[kPathSize];
     if (QOVAShareSnapUserQuotaDBPathGet(pShare, szTarget, sizeof(szTarget)) < 0) {
         SNAP_LOG_REG(LOG_ERR, "Failed to get user quota db path in snapshot for share [%s][0x%04X %s:%d]",
                      pShare->szName);
@@ -158,7 +167,7 @@ struct Capture {
     }
     char szProgram[] = "/bin/rm";
     char szOptions[] = "-rf";
-    char szTarget[kShareConfigPathSize];
+    char szTarget[kPathSize];
     (void)std::snprintf(szTarget, sizeof(szTarget), "%s", szPath);
     rgszArg[0] = szProgram;
     rgszArg[1] = szOptions;
@@ -213,11 +222,11 @@ int QOVAShareSnapShareInfoGetFromShare(const QOVASHARE *pShare, QLIBCSZHASH **pp
 }
 
 int QOVAShareSnapUserQuotaDBPathGet(const QOVASHARE *pShare, char *szBuf, size_t cbBuf) {
-    char szDirectory[kShareConfigPathSize];
+    char szDirectory[kPathSize];
     if (ShareConfigDirGet(pShare, szDirectory, 1) != 1) {
         return -1;
     }
-    char szDatabase[kShareConfigPathSize];
+    char szDatabase[kPathSize];
     if (QOVAQuotaDbPathGet(pShare->szPath, szDatabase, sizeof(szDatabase)) < 0) {
         return -1;
     }
@@ -233,12 +242,12 @@ int QOVAShareSnapShareInfoSet(const QOVASHARE *pShare) {
         SNAP_LOG_REG(LOG_ERR, "Failed to alloc hash[0x%04X %s:%d]");
         return -1;
     }
-    char szDatabase[kShareConfigPathSize];
+    char szDatabase[kPathSize];
     if (QOVAQuotaDbPathGet(pShare->szPath, szDatabase, sizeof(szDatabase)) < 0) {
         SNAP_LOG_REG(LOG_ERR, "Failed get user quota db path for share [%s][0x%04X %s:%d]", pShare->szName);
         return -1;
     }
-    char szBasePath[kShareConfigPathSize];
+    char szBasePath[kPathSize];
     if (ShareBasePathGet(pShare, szBasePath, sizeof(szBasePath)) < 0 ||
         CopyQuotaDatabase(pShare, szDatabase, szBasePath) < 0) {
         return -1;
@@ -247,7 +256,7 @@ int QOVAShareSnapShareInfoSet(const QOVASHARE *pShare) {
         SNAP_LOG_REG(LOG_ERR, "Failed to get share [%s] configration[0x%04X %s:%d]", pShare->szName);
         return -1;
     }
-    char szPath[kShareConfigPathSize];
+    char szPath[kPathSize];
     if (ShareConfigFileGet(pShare, szPath, 1) != 1) {
         SNAP_LOG_REG(LOG_ERR, "Failed to create configration file on share [%s] [0x%04X %s:%d]", pShare->szName);
         return -1;
@@ -256,13 +265,13 @@ int QOVAShareSnapShareInfoSet(const QOVASHARE *pShare) {
 }
 
 int QOVAShareSnapHasShareInfoFile(const QOVASHARE *pShare, const char *szSnapshot) {
-    char szSnapPath[kShareConfigPathSize] = "";
+    char szSnapPath[kPathSize] = "";
     if (QOVAShareSnapGetSnapPath(pShare, szSnapshot, szSnapPath, sizeof(szSnapPath)) < 1) {
         SNAP_LOG_REG(LOG_ERR, "Failed to get snap path for share [%s] or not exist[0x%04X %s:%d]",
                      pShare == nullptr || pShare->szName == nullptr ? "" : pShare->szName);
         return -1;
     }
-    char szFile[kShareConfigPathSize];
+    char szFile[kPathSize];
     if (!FormatPath(szFile, sizeof(szFile), "%s/%s/%s/%s", szSnapPath, kEaDirName, kShareConfigDirName,
                     kShareConfigFileName)) {
         return -1;
@@ -283,7 +292,7 @@ void QOVAShareSnapShareInfoClear(const QOVASHARE *pShare) {
     if (nEncrypted == 0) {
         return; // the next capture replaces what stays behind
     }
-    char szPath[kShareConfigPathSize];
+    char szPath[kPathSize];
     if (ShareConfigDirGet(pShare, szPath, 0) == 1) {
         if (RemoveConfigDirectory(szPath) < 0) {
             SNAP_LOG_REG(LOG_ERR, "failed to remove share config directory [%s][0x%04X %s:%d]", szPath);

@@ -149,7 +149,7 @@ int ShareConfigSectionRead(const QOVASHARE *pShare, QLIBCSZHASH **ppHash) {
         return -1;
     }
     // Without a file the path stays empty, and the read of the section decides.
-    char szPath[kShareConfigPathSize] = "";
+    char szPath[kPathSize] = "";
     if (ShareConfigFileGet(pShare, szPath, 0) < 0) {
         SNAP_LOG_REG(LOG_ERR, "Failed to get share [%s] configuration path[0x%04X %s:%d]", pShare->szName);
         return -1;

@@ -26,7 +26,6 @@ namespace {
 constexpr char kLockDirectory[] = "/run/lock/sharesnap/sys_lock";
 constexpr char kDataDirectory[] = "/run/sharesnap/sys_lock";
 constexpr char kSuffix[] = "sharesnap_sys_lock";
-constexpr size_t kPathSize = 4096;
 constexpr int kLockSeconds = 10;
 enum LockMode { kShared = 0, kExclusive = 1 };
 

@@ -26,7 +26,6 @@ namespace {
 constexpr char kLockDirectory[] = "/run/lock/sharesnap/sharesnap_snapcount_lock";
 constexpr char kAttribute[] = "user.snapcount";
 constexpr size_t kValueSize = 1024; // the attribute is always written whole
-constexpr size_t kPathSize = 4096;
 constexpr int kLockSeconds = 5;
 constexpr unsigned int kShareTypeMask = 0x301;
 

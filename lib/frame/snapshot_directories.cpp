@@ -17,14 +17,13 @@
 #include "frame/path_format.h"
 #include "frame/run_directory.h"
 
-// A kernel without the call is a platform without the operation: the address is null then.
+// A platform can lack the operation, as on a kernel without the system call under it: the address is null then.
 extern "C" __attribute__((weak)) int QOVASmbAttributeSet(const char *szPath, int nCommand);
 
 namespace sharesnap {
 
 namespace {
 
-constexpr size_t kPathSize = 4096;
 constexpr char kRunLockDirectory[] = "/run/lock/sharesnap";
 constexpr char kRunDirectory[] = "/run/sharesnap";
 

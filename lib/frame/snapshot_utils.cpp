@@ -25,7 +25,6 @@ using namespace sharesnap;
 
 namespace {
 
-constexpr size_t kPathSize = 4096;
 constexpr char kSnapshotTop[] = "@sharesnap";
 constexpr char kMetaLockDirectory[] = "/run/lock/sharesnap/sharesnap_meta_lock";
 constexpr int kMetaLockSeconds = 10;

@@ -48,8 +48,8 @@ bool SnapshotPrefix(const QOVASHARE *pShare, char *szPrefix, size_t cbPrefix) {
         SNAP_LOG_REG(LOG_ERR, "Failed to get encryption status of share [%s] [0x%04X %s:%d]", pShare->szName);
         return false;
     }
-    return nEncrypted != 0 ? FormatPath(szPrefix, cbPrefix, "%s/@%s@/", "@sharesnap", pShare->szName)
-                           : FormatPath(szPrefix, cbPrefix, "%s/%s/", "@sharesnap", pShare->szName);
+    return nEncrypted != 0 ? FormatPath(szPrefix, cbPrefix, "@sharesnap/@%s@/", pShare->szName)
+                           : FormatPath(szPrefix, cbPrefix, "@sharesnap/%s/", pShare->szName);
 }
 
 } // namespace sharesnap

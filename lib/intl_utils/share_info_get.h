@@ -32,7 +32,7 @@ namespace sharesnap {
         if (nAttempt >= nFirstReported) {
             SNAP_LOG_REG(LOG_DEBUG, "Failed to get the share (%s), re-try (%d)[0x%04X %s:%d]", szName, nAttempt);
         }
-        // Any spread will do to part processes that wait for the same database.
+        // Without a seed the row is the same in every process: it spreads the attempts of one, not those of several.
         (void)sleep(static_cast<unsigned int>(std::rand() % 5));
     }
     return -1;

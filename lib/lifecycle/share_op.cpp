@@ -14,7 +14,6 @@
 #include "frame/owners.h"
 #include "frame/path_format.h"
 #include "intl_utils/share_info_get.h"
-#include "lifecycle/snapshot_path.h"
 
 namespace {
 

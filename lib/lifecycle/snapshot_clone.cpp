@@ -8,10 +8,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "frame/inside_name.h"
 #include "frame/log.h"
 #include "frame/owners.h"
 #include "frame/path_format.h"
-#include "lifecycle/snapshot_path.h"
 
 namespace {
 

@@ -7,13 +7,13 @@
 #include <ctime>
 
 #include "frame/owners.h"
-#include "lifecycle/snapshot_path.h"
+#include "frame/path_format.h"
 
 namespace sharesnap {
 
 // A snapshot must leave this much of its volume free, in MB and in bytes.
 inline constexpr int kReserveMB = 100;
-inline constexpr unsigned long long kReserveBytes = 0x6400000ULL;
+inline constexpr unsigned long long kReserveBytes = kReserveMB * 1024ULL * 1024ULL;
 
 struct Creation {
     const QOVASHARE *pShare = nullptr;

@@ -77,7 +77,7 @@ struct Taking {
 }
 
 [[nodiscard]] bool TakeSubvolume(const Taking &t) {
-    const clock_t tBefore = clock();
+    const clock_t tBefore = clock(); // processor time, without the waits for the disk
     const int nTaken = QOVABtrfsReadOnlySnapshotTake(t.szSource, t.szTarget);
     const clock_t tAfter = clock();
     if (nTaken < 0) {

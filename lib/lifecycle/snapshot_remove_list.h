@@ -12,7 +12,7 @@
 
 #include "frame/metadata_lock.h"
 #include "frame/owners.h"
-#include "lifecycle/snapshot_path.h"
+#include "frame/path_format.h"
 
 namespace sharesnap {
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "frame/inside_name.h"
 #include "frame/log.h"
 #include "frame/path_format.h"
 #include "lifecycle/snapshot_remove_list.h"

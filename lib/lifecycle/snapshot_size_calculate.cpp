@@ -96,6 +96,7 @@ int QOVAShareSnapCalculateTotalSize(const QLIBCSZLIST *pListSnapPath, const QLIB
     }
     FILE *pStream = QLIBCPopenv(kTool, "r", e.arguments.get());
     if (pStream == nullptr) {
+        // Its own form of place: the function and the line.
         syslog(LOG_ERR, "%s,%d Failed to open calculate snapshot size[0x%04X %s:%d]", __func__, __LINE__, QLIBCErrGet(),
                QLIBCErrorGetFile(), QLIBCErrorGetLine());
         return -1;

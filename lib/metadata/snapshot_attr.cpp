@@ -18,7 +18,6 @@ using namespace sharesnap;
 
 namespace {
 
-constexpr size_t kPathSize = 4096;
 constexpr size_t kSize = 1024;
 constexpr size_t kDeleteSize = 512;
 constexpr char kHide[] = "hide";

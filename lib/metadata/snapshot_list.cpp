@@ -16,12 +16,12 @@
 #include "frame/log.h"
 #include "frame/metadata_lock.h"
 #include "frame/owners.h"
+#include "frame/path_format.h"
 
 using namespace sharesnap;
 
 namespace {
 
-constexpr size_t kPathSize = 4096;
 constexpr size_t kSectionSize = 1024;
 constexpr size_t kHashSize = 1024;
 constexpr size_t kListSize = 512;
@@ -223,7 +223,7 @@ const char *FindLatest(const QLIBCSZLIST *pList) {
     return szBest;
 }
 
-// 1 when the share has a snapshot under the name that this form gives to the time, visible or hidden.
+// Whether the share has a snapshot under the name that this form gives to the time, visible or hidden.
 bool IsNamedByTime(const QOVASHARE *pShare, time_t tTime, unsigned int blLocal, char (&szName)[kGeneratedNameSize]) {
     char szPath[kPathSize];
     return SnapNameGenerateByTime(szName, sizeof(szName), tTime, blLocal) == 0 &&

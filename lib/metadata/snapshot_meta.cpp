@@ -18,7 +18,6 @@ using namespace sharesnap;
 
 namespace {
 
-constexpr size_t kPathSize = 4096;
 constexpr size_t kListSize = 1024;
 
 bool IsLink(const char *szPath) {
@@ -43,9 +42,8 @@ int MetaPath(const QOVASHARE *pShare, char *szPath, size_t cbPath, int blCreate)
         SNAP_LOG_REG(LOG_ERR, "Failed to get eycrnption status of share [%s] [0x%04X %s:%d]", pShare->szName);
         return -1;
     }
-    const bool blWritten = nEncrypted != 0
-                               ? FormatPath(szPath, cbPath, "%s/@%s@%s", szDirectory, pShare->szName, ".meta")
-                               : FormatPath(szPath, cbPath, "%s/%s%s%s", szDirectory, "@", pShare->szName, ".meta");
+    const bool blWritten = nEncrypted != 0 ? FormatPath(szPath, cbPath, "%s/@%s@.meta", szDirectory, pShare->szName)
+                                           : FormatPath(szPath, cbPath, "%s/@%s.meta", szDirectory, pShare->szName);
     if (!blWritten) {
         return -1;
     }

@@ -11,6 +11,7 @@
 
 #include "frame/log.h"
 #include "frame/owners.h"
+#include "frame/path_format.h"
 #include "frame/subvolume_line.h"
 #include "intl_utils/share_info_get.h"
 
@@ -18,7 +19,6 @@ using namespace sharesnap;
 
 namespace {
 
-constexpr size_t kPathSize = 4096;
 constexpr size_t kSize = 1024;
 constexpr size_t kSetSize = 4096;
 constexpr char kBtrfsProgram[] = "/sbin/btrfs";

@@ -29,7 +29,6 @@ public:
     /* The table of this process. False with errno when it can't be read. */
     [[nodiscard]] static bool Read(std::string &szText);
 
-    [[nodiscard]] const std::vector<Mount> &All() const { return m_mounts; }
     [[nodiscard]] const Mount *ById(uint64_t ullId) const;
     /* The mount seen at that mount point: the last one when several stand on each other. */
     [[nodiscard]] const Mount *ByMountPoint(std::string_view szMountPoint) const;

@@ -46,8 +46,8 @@ struct Hold {
 class Holds {
 public:
     Holds() {
-        (void)pthread_atfork(lockAll, unlockAll, unlockAll);
-    } // without it only a fork during a lock call is at risk
+        (void)pthread_atfork(lockAll, unlockAll, unlockAll); // without it only a fork during a lock call is at risk
+    }
 
     std::mutex mutex;
     std::vector<Hold> list;
