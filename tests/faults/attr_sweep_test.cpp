@@ -18,8 +18,10 @@ protected:
 
     // Runs the operation on a share with the visible snapshot a, each of its calls failing once. A failure leaves a
     // code; nothing is left over but the sections, at which `more` looks.
-    void sweep(const std::function<int()> &operation, const std::function<void(const FaultPoint &, int)> &more) {
+    void sweep(const char *function, const std::function<int()> &operation,
+               const std::function<void(const FaultPoint &, int)> &more) {
         testkit::Sweep run;
+        run.function = function;
         int result = 0;
         std::optional<testkit::Leftovers> leftovers;
         run.prepare = [&] {
@@ -47,15 +49,17 @@ protected:
 
 TEST_F(AttrFaults, Reading) {
     char value[16] = "";
-    sweep([&] { return QOVAShareSnapAttrGet(docs(), "a", "k", value, sizeof(value)); },
-          [&](const FaultPoint &point, int result) {
-              if (result == 0) {
-                  EXPECT_STREQ("v", value) << point;
-              }
-              EXPECT_EQ(before, meta()) << point;
-          });
+    sweep(
+        "QOVAShareSnapAttrGet", [&] { return QOVAShareSnapAttrGet(docs(), "a", "k", value, sizeof(value)); },
+        [&](const FaultPoint &point, int result) {
+            if (result == 0) {
+                EXPECT_STREQ("v", value) << point;
+            }
+            EXPECT_EQ(before, meta()) << point;
+        });
     std::optional<Pairs> pairs;
     sweep(
+        "QOVAShareSnapAttrList",
         [&] {
             pairs.emplace();
             return QOVAShareSnapAttrList(docs(), "a", pairs->address());
@@ -67,19 +71,21 @@ TEST_F(AttrFaults, Reading) {
 }
 
 TEST_F(AttrFaults, SettingOne) {
-    sweep([&] { return QOVAShareSnapAttrSet(docs(), "a", "k", "new"); },
-          [&](const FaultPoint &point, int result) {
-              EXPECT_EQ(result == 0 ? "[a]\nhide=false\nk=new\n[b]\nk=w\n" : before, meta()) << point;
-          });
+    sweep(
+        "QOVAShareSnapAttrSet", [&] { return QOVAShareSnapAttrSet(docs(), "a", "k", "new"); },
+        [&](const FaultPoint &point, int result) {
+            EXPECT_EQ(result == 0 ? "[a]\nhide=false\nk=new\n[b]\nk=w\n" : before, meta()) << point;
+        });
 }
 
 TEST_F(AttrFaults, HidingWithOneChangesFileAndSubvolumeOrNeither) {
     takeSubvolume("a");
-    sweep([&] { return QOVAShareSnapAttrSet(docs(), "a", "hide", "true"); },
-          [&](const FaultPoint &point, int result) {
-              EXPECT_EQ(result == 0 ? "[a]\nhide=true\nk=v\n[b]\nk=w\n" : before, meta()) << point;
-              EXPECT_EQ(result == 0 ? "true" : "false", markOf("a")) << point;
-          });
+    sweep(
+        "QOVAShareSnapAttrSet", [&] { return QOVAShareSnapAttrSet(docs(), "a", "hide", "true"); },
+        [&](const FaultPoint &point, int result) {
+            EXPECT_EQ(result == 0 ? "[a]\nhide=true\nk=v\n[b]\nk=w\n" : before, meta()) << point;
+            EXPECT_EQ(result == 0 ? "true" : "false", markOf("a")) << point;
+        });
 }
 
 TEST_F(AttrFaults, SettingManyWritesAllOrNone) {
@@ -87,32 +93,35 @@ TEST_F(AttrFaults, SettingManyWritesAllOrNone) {
     const Pairs pairs = {{"hide", "true"}, {"k", "new"}, {"l", "x"}};
     const std::string after = "[a]\nhide=true\nk=new\nl=x\n[b]\nk=w\n";
     size_t failedQuietly = 0;
-    sweep([&] { return QOVAShareSnapAttrMultiSet(docs(), "a", pairs.get()); },
-          [&](const FaultPoint &point, int result) {
-              if (point.symbol == "QLIBCSzHashSetValue") {
-                  return; // a pair that can't be held is left out
-              }
-              EXPECT_TRUE(meta() == before || meta() == after) << point << "\n" << meta();
-              if (result == -1) {
-                  EXPECT_EQ(before, meta()) << point;
-              } else if (meta() == before || markOf("a") == "false") {
-                  EXPECT_NE(0u, QLIBCErrGet()) << point; // the register alone tells
-                  ++failedQuietly;
-              }
-          });
+    sweep(
+        "QOVAShareSnapAttrMultiSet", [&] { return QOVAShareSnapAttrMultiSet(docs(), "a", pairs.get()); },
+        [&](const FaultPoint &point, int result) {
+            if (point.symbol == "QLIBCSzHashSetValue") {
+                return; // a pair that can't be held is left out
+            }
+            EXPECT_TRUE(meta() == before || meta() == after) << point << "\n" << meta();
+            if (result == -1) {
+                EXPECT_EQ(before, meta()) << point;
+            } else if (meta() == before || markOf("a") == "false") {
+                EXPECT_NE(0u, QLIBCErrGet()) << point; // the register alone tells
+                ++failedQuietly;
+            }
+        });
     EXPECT_GT(failedQuietly, 0u);
 }
 
 TEST_F(AttrFaults, Deleting) {
-    sweep([&] { return QOVAShareSnapAttrDelete(docs(), "a", "k"); },
-          [&](const FaultPoint &point, int result) {
-              EXPECT_EQ(result == 0 ? "[a]\nhide=false\n[b]\nk=w\n" : before, meta()) << point;
-          });
+    sweep(
+        "QOVAShareSnapAttrDelete", [&] { return QOVAShareSnapAttrDelete(docs(), "a", "k"); },
+        [&](const FaultPoint &point, int result) {
+            EXPECT_EQ(result == 0 ? "[a]\nhide=false\n[b]\nk=w\n" : before, meta()) << point;
+        });
 }
 
 TEST_F(AttrFaults, Defaults) {
     std::optional<Pairs> pairs;
     sweep(
+        "QOVAShareSnapDefaultAttr",
         [&] {
             pairs.emplace();
             const int result = QOVAShareSnapDefaultAttr(pairs->address());

@@ -83,6 +83,7 @@ TEST_F(SnapDeleteFaults, NothingThatStandsLosesItsSection) {
     (void)take();
     std::unique_ptr<testkit::Leftovers> leftovers;
     testkit::Sweep sweep;
+    sweep.function = "QOVAShareSnapDelete";
     sweep.prepare = [&] {
         makeSnapshots();
         leftovers = std::make_unique<testkit::Leftovers>();

@@ -1,3 +1,4 @@
+#include "faults/export_sweep.hpp"
 #include "support/faults.hpp"
 #include "support/files.hpp"
 #include "support/metadata_fixture.hpp"
@@ -32,9 +33,10 @@ protected:
 
     // Runs the operation with each of its calls failing once. `mayFail` are the results of a failure; a result of
     // `done` means that the failure was tolerated. A failure leaves a code, and nothing is left over.
-    void sweep(const std::function<void()> &prepare, const std::function<int()> &operation, int done,
-               const std::set<int> &mayFail, const std::function<void(const FaultPoint &, int)> &more = {}) {
+    void sweep(const char *function, const std::function<void()> &prepare, const std::function<int()> &operation,
+               int done, const std::set<int> &mayFail, const std::function<void(const FaultPoint &, int)> &more = {}) {
         testkit::Sweep run;
+        run.function = function;
         int result = 0;
         std::optional<testkit::Leftovers> before;
         run.prepare = [&] {
@@ -71,17 +73,19 @@ protected:
 };
 
 TEST_F(FrameFaults, MakingASharesDirectory) {
-    sweep([&] { removeDirectories(); }, [&] { return QOVAShareSnapGetOrCreateSnapDir(docs(), path, sizeof(path), 1); },
-          1, {0, -1},
-          [](const FaultPoint &point, int result) {
-              if (result == 1) {
-                  EXPECT_EQ(1, QOVABtrfsIsSubVol("/vol1/@sharesnap/docs")) << point;
-              }
-          });
+    sweep(
+        "QOVAShareSnapGetOrCreateSnapDir", [&] { removeDirectories(); },
+        [&] { return QOVAShareSnapGetOrCreateSnapDir(docs(), path, sizeof(path), 1); }, 1, {0, -1},
+        [](const FaultPoint &point, int result) {
+            if (result == 1) {
+                EXPECT_EQ(1, QOVABtrfsIsSubVol("/vol1/@sharesnap/docs")) << point;
+            }
+        });
 }
 
 TEST_F(FrameFaults, MakingASharesDirectoryWithSomethingInTheWay) {
     sweep(
+        "SnapGetOrCreateSubvolume",
         [&] {
             removeDirectories();
             std::filesystem::remove_all("/vol1/@sharesnap");
@@ -103,24 +107,70 @@ TEST_F(FrameFaults, MakingASharesDirectoryWithSomethingInTheWay) {
 }
 
 TEST_F(FrameFaults, MakingPlainDirectories) {
-    sweep([&] { removeDirectories(); },
-          [&] { return SnapGetOrCreateDirWithShare(docs(), "plain", path, sizeof(path), 1); }, 1, {0, -1},
-          [](const FaultPoint &point, int result) {
-              if (result == 1) {
-                  EXPECT_TRUE(testkit::isDirectory("/vol1/plain/docs")) << point;
-              }
-          });
+    sweep(
+        "SnapGetOrCreateDirWithShare", [&] { removeDirectories(); },
+        [&] { return SnapGetOrCreateDirWithShare(docs(), "plain", path, sizeof(path), 1); }, 1, {0, -1},
+        [](const FaultPoint &point, int result) {
+            if (result == 1) {
+                EXPECT_TRUE(testkit::isDirectory("/vol1/plain/docs")) << point;
+            }
+        });
+}
+
+TEST_F(FrameFaults, DirectoriesOneByOne) {
+    faults::sweep(
+        {"QOVAShareSnapGetOrCreateDir", 1, {{"stat", {1}}, {"mkdir", {0, 0x0C00}}}, {"/vol1/plain"}},
+        [&] { removeDirectories(); },
+        [&] { return QOVAShareSnapGetOrCreateDir(docs(), "plain", path, sizeof(path), 1); },
+        [](const FaultPoint &, int result) { EXPECT_EQ(result == 1, testkit::isDirectory("/vol1/plain")); });
+    // What only dresses the directory fails nothing, but leaves a code.
+    const faults::Outcomes outcomes = {{"QOVABtrfsIsSubVol", {1}},
+                                       {"QOVABtrfsCreateSubVol 1", {-1, 0x0C00}},
+                                       {"QOVABtrfsCreateSubVol 2", {0, 0x0C00}},
+                                       {"open", {1}},
+                                       {"ioctl", {1}},
+                                       {"close", {1}},
+                                       {"QOVASmbAttributeSet", {1, 0x2A00}},
+                                       {"fopen", {1, 0x0900}},
+                                       {"fprintf", {1}},
+                                       {"fclose", {1}},
+                                       {"chmod", {1}}};
+    faults::sweep(
+        {"SnapGetOrCreateSubvolumeWithShare", 1, outcomes, {"/vol1/@sharesnap"}}, [&] { removeDirectories(); },
+        [&] { return SnapGetOrCreateSubvolumeWithShare(docs(), "@sharesnap", path, sizeof(path), 1); },
+        [](const FaultPoint &, int result) {
+            EXPECT_EQ(result == 1, QOVABtrfsIsSubVol("/vol1/@sharesnap/docs") == 1);
+        });
+}
+
+TEST_F(FrameFaults, LookingAtAPath) {
+    faults::sweep({"ShareSnapCheckDirExist", 1, {{"stat", {0, 0}}}}, {},
+                  [] { return ShareSnapCheckDirExist("/vol1"); });
+    ASSERT_TRUE(testkit::writeFile("/vol1/file", "x"));
+    faults::sweep({"ShareSnapCheckFileExist", 1, {{"stat", {0, 0}}}}, {},
+                  [] { return ShareSnapCheckFileExist("/vol1/file"); });
+}
+
+TEST_F(FrameFaults, NamingByTheClock) {
+    for (const unsigned int local : {0U, 1U}) {
+        faults::sweep({"SnapNameGenerateByTime", 0, {{"gmtime_r", {-1, 0x2A00}}, {"localtime_r", {-1, 0x2A00}}}}, {},
+                      [&] { return SnapNameGenerateByTime(path, sizeof(path), 1767323045, local); });
+    }
 }
 
 TEST_F(FrameFaults, LookingForASnapshot) {
     takeSubvolume("a");
     codes = false; // a path that can't be looked at counts as absent
-    sweep([] {}, [&] { return QOVAShareSnapGetSnapPath(docs(), "a", path, sizeof(path)); }, 1, {0, -1});
+    sweep(
+        "QOVAShareSnapGetSnapPath", [] {}, [&] { return QOVAShareSnapGetSnapPath(docs(), "a", path, sizeof(path)); }, 1,
+        {0, -1});
 }
 
 TEST_F(FrameFaults, CheckingTheSupport) {
     int type = 0;
-    sweep([] {}, [&] { return QOVAShareSnapCheckSupport(docs(), &type, SNAP_CREATE); }, 0, {-1});
+    sweep(
+        "QOVAShareSnapCheckSupport", [] {}, [&] { return QOVAShareSnapCheckSupport(docs(), &type, SNAP_CREATE); }, 0,
+        {-1});
 }
 
 TEST_F(FrameFaults, MovingASharesDirectory) {
@@ -128,6 +178,7 @@ TEST_F(FrameFaults, MovingASharesDirectory) {
     const testkit::SharePointer other = testkit::getShare("other");
     takeSubvolume("a");
     sweep(
+        "SnapshotDirRename",
         [] {
             if (testkit::exists("/vol1/@sharesnap/other/a")) {
                 ASSERT_EQ(0, rename("/vol1/@sharesnap/other", "/vol1/@sharesnap/docs"));
@@ -144,73 +195,81 @@ TEST_F(FrameFaults, ListingTheVolume) {
     takeSubvolume("a");
     takeSubvolume("b");
     std::optional<Names> names;
-    sweep([&] { names.emplace(); }, [&] { return BtrfsListSnaps(docs(), names->address()); }, 0, {-1},
-          [&](const FaultPoint &point, int result) {
-              if (result == 0) {
-                  EXPECT_EQ((std::vector<std::string>{"a", "b"}), names->all()) << point;
-              }
-          });
+    sweep(
+        "BtrfsListSnaps", [&] { names.emplace(); }, [&] { return BtrfsListSnaps(docs(), names->address()); }, 0, {-1},
+        [&](const FaultPoint &point, int result) {
+            if (result == 0) {
+                EXPECT_EQ((std::vector<std::string>{"a", "b"}), names->all()) << point;
+            }
+        });
 }
 
 TEST_F(FrameFaults, ReadingFacts) {
     takeSubvolume("a");
     std::optional<Pairs> facts;
-    sweep([&] { facts.emplace(); }, [&] { return SnapFillSubvolInfo(docs(), "a", facts->address()); }, 0, {-1});
+    sweep(
+        "SnapFillSubvolInfo", [&] { facts.emplace(); },
+        [&] { return SnapFillSubvolInfo(docs(), "a", facts->address()); }, 0, {-1});
 }
 
 TEST_F(FrameFaults, FindingTheDataPath) {
-    sweep([] {}, [&] { return ShareSubvolumePathGet(docs(), path, sizeof(path)); }, 0, {-1});
+    sweep(
+        "ShareSubvolumePathGet", [] {}, [&] { return ShareSubvolumePathGet(docs(), path, sizeof(path)); }, 0, {-1});
 }
 
 TEST_F(FrameFaults, MakingTheDirectoriesBelowRun) {
-    sweep(
-        [] {
-            std::filesystem::remove_all("/run/lock/sharesnap");
-            std::filesystem::remove_all("/run/sharesnap");
-        },
-        [] {
-            const int lock = QOVAShareSnapCreateRunLockShareSnapDir();
-            const int run = QOVAShareSnapCreateTmpShareSnapDir(nullptr);
-            return lock < run ? lock : run;
-        },
-        1, {0, -1});
+    const faults::Outcomes outcomes = {{"lstat", {1}}, {"mkdir", {0, 0x0C00}}};
+    faults::sweep(
+        {"QOVAShareSnapCreateRunLockShareSnapDir", 1, outcomes},
+        [] { std::filesystem::remove_all("/run/lock/sharesnap"); },
+        [] { return QOVAShareSnapCreateRunLockShareSnapDir(); });
+    faults::sweep(
+        {"QOVAShareSnapCreateTmpShareSnapDir", 1, outcomes}, [] { std::filesystem::remove_all("/run/sharesnap"); },
+        [] { return QOVAShareSnapCreateTmpShareSnapDir(nullptr); });
 }
 
 TEST_F(FrameFaults, TakingTheMetadataLock) {
     int lock = -1;
-    sweep([] { std::filesystem::remove_all("/run/lock/sharesnap"); },
-          [&] {
-              lock = QOVAShareSnapLockMetaFile(docs(), 1);
-              if (lock < 0) {
-                  return -1;
-              }
-              (void)QLIBCFileUnlockByFile(lock);
-              return 0;
-          },
-          0, {-1});
+    sweep(
+        "QOVAShareSnapLockMetaFile", [] { std::filesystem::remove_all("/run/lock/sharesnap"); },
+        [&] {
+            lock = QOVAShareSnapLockMetaFile(docs(), 1);
+            if (lock < 0) {
+                return -1;
+            }
+            (void)QLIBCFileUnlockByFile(lock);
+            return 0;
+        },
+        0, {-1});
 }
 
 TEST_F(FrameFaults, WritingSections) {
     const Pairs pairs = {{"k", "v"}};
-    sweep([&] { writeMeta(""); }, [&] { return SnapFileSectionAdd(metaPath, "a", pairs.get(), "%s=%s\n"); }, 1, {-1});
-    sweep([&] { writeMeta("[a]\nk=w\n"); },
-          [&] { return SnapFileSectionSet(metaPath, "a", nullptr, pairs.get(), nullptr); }, 1, {-1});
-    sweep([&] { writeMeta("[a]\nk=w\n"); }, [&] { return SnapFileSectionRemove(metaPath, "a"); }, 1, {-1});
+    sweep(
+        "SnapFileSectionAdd", [&] { writeMeta(""); },
+        [&] { return SnapFileSectionAdd(metaPath, "a", pairs.get(), "%s=%s\n"); }, 1, {-1});
+    sweep(
+        "SnapFileSectionSet", [&] { writeMeta("[a]\nk=w\n"); },
+        [&] { return SnapFileSectionSet(metaPath, "a", nullptr, pairs.get(), nullptr); }, 1, {-1});
+    sweep(
+        "SnapFileSectionRemove", [&] { writeMeta("[a]\nk=w\n"); }, [&] { return SnapFileSectionRemove(metaPath, "a"); },
+        1, {-1});
 }
 
 TEST_F(FrameFaults, SettingTheQuotaFlag) {
     // A kernel that knows the flag.
     uint64_t word = 0;
     using Control = int(int, unsigned long, void *);
-    sweep([] {},
-          [&] {
-              const testkit::Replacement<Control> kernel("ioctl", [&](int, unsigned long, void *) {
-                  ++word;
-                  return 0;
-              });
-              return BtrfsSubvolNoLoadUsrQuotaAttrSet("/vol1/docs", 1);
-          },
-          0, {-1});
+    sweep(
+        "BtrfsSubvolNoLoadUsrQuotaAttrSet", [] {},
+        [&] {
+            const testkit::Replacement<Control> kernel("ioctl", [&](int, unsigned long, void *) {
+                ++word;
+                return 0;
+            });
+            return BtrfsSubvolNoLoadUsrQuotaAttrSet("/vol1/docs", 1);
+        },
+        0, {-1});
     EXPECT_GT(word, 0u);
 }
 

@@ -53,6 +53,7 @@ TEST_F(ShareOpFaults, RenameMovesEverythingOrNothing) {
     const Record renamed("files", "/vol1/docs");
     std::unique_ptr<testkit::Leftovers> leftovers;
     testkit::Sweep sweep;
+    sweep.function = "QOVAShareSnapShareRename";
     sweep.except = {"stat", "stat64"}; // a metadata file that can't be looked at counts as none, and stays
     sweep.prepare = [&] {
         begin();
@@ -84,6 +85,7 @@ TEST_F(ShareOpFaults, RenameMovesEverythingOrNothing) {
 TEST_F(ShareOpFaults, DataDeleteStopsAndCanBeCalledAgain) {
     std::unique_ptr<testkit::Leftovers> leftovers;
     testkit::Sweep sweep;
+    sweep.function = "QOVAShareSnapDataDelete";
     sweep.prepare = [&] {
         begin();
         leftovers = std::make_unique<testkit::Leftovers>();

@@ -9,9 +9,10 @@ namespace {
 
 class SnapSizeFaults : public Fixture {
 protected:
-    size_t sweep(const std::function<int()> &call, bool codeAlways) {
+    size_t sweep(const char *function, const std::function<int()> &call, bool codeAlways) {
         std::unique_ptr<testkit::Leftovers> leftovers;
         testkit::Sweep sweep;
+        sweep.function = function;
         sweep.prepare = [&] {
             setCode(0);
             leftovers = std::make_unique<testkit::Leftovers>();
@@ -38,20 +39,27 @@ TEST_F(SnapSizeFaults, EstimateEndsItsTool) {
     const List paths(Names{snapDir() + "/" + take()});
     uint64_t size = 0;
     // Output that can't be read holds no size, which has no code.
-    EXPECT_GE(
-        sweep([&] { return QOVAShareSnapCalculateTotalSize(paths.get(), nullptr, nullptr, &size, nullptr); }, false),
-        4U);
+    EXPECT_GE(sweep(
+                  "QOVAShareSnapCalculateTotalSize",
+                  [&] { return QOVAShareSnapCalculateTotalSize(paths.get(), nullptr, nullptr, &size, nullptr); },
+                  false),
+              4U);
 }
 
 TEST_F(SnapSizeFaults, StoredSizeGivesTheLockBack) {
     const std::string name = take({{"snap_size", "4096"}});
     uint64_t size = 0;
-    EXPECT_GE(sweep([&] { return QOVAShareGetSnapSize(share, name.c_str(), &size); }, true), 8U);
+    EXPECT_GE(sweep(
+                  "QOVAShareGetSnapSize", [&] { return QOVAShareGetSnapSize(share, name.c_str(), &size); }, true),
+              8U);
     EXPECT_EQ(4096U, size);
 }
 
 TEST_F(SnapSizeFaults, NoticeFreesItsHash) {
-    EXPECT_GE(sweep([] { return QOVAShareSnapSendNotification("SnapFailed", "docs", nullptr); }, true), 7U);
+    EXPECT_GE(sweep(
+                  "QOVAShareSnapSendNotification",
+                  [] { return QOVAShareSnapSendNotification("SnapFailed", "docs", nullptr); }, true),
+              7U);
 }
 
 } // namespace

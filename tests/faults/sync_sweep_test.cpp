@@ -1,3 +1,4 @@
+#include "faults/export_sweep.hpp"
 #include "support/faults.hpp"
 #include "support/files.hpp"
 #include "support/log_capture.hpp"
@@ -61,6 +62,7 @@ protected:
 
 TEST_F(SyncFaults, OneShare) {
     testkit::Sweep run;
+    run.function = "QOVAShareSnapMetaSync";
     int result = 0;
     std::optional<testkit::Leftovers> before;
     run.prepare = [&] {
@@ -85,8 +87,30 @@ TEST_F(SyncFaults, OneShare) {
     EXPECT_EQ(0, result);
 }
 
+TEST_F(SyncFaults, ListOfTheVolume) {
+    std::optional<testkit::Names> paths;
+    faults::sweep(
+        {"SnapMetaSyncBtrfsListVol", 0, {{"fgets", {-1, 0x2A00}}, {"QLIBCPclose", {0}}}}, [&] { paths.emplace(); },
+        [&] { return SnapMetaSyncBtrfsListVol("/vol1", paths->address()); },
+        [&](const FaultPoint &, int result) {
+            if (result == 0) {
+                EXPECT_EQ(6U, paths->all().size());
+            }
+        });
+    std::optional<testkit::Names> names;
+    faults::sweep(
+        {"SnapMetaSyncFindShareSnapList", 0}, [&] { names.emplace(); },
+        [&] { return SnapMetaSyncFindShareSnapList(docs(), paths->get(), names->address()); },
+        [&](const FaultPoint &, int result) {
+            if (result == 0) {
+                EXPECT_EQ(3U, names->all().size());
+            }
+        });
+}
+
 TEST_F(SyncFaults, AllShares) {
     testkit::Sweep run;
+    run.function = "QOVAShareSnapMetaSyncAll";
     int result = 0;
     // What happens within one share is swept above.
     run.only = {"QLIBCSzListAlloc", "QOVAMountVolAllEnum", "QOVAShareEnumByMntPathAndEnumType", "QOVAShareGet",

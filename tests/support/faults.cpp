@@ -386,7 +386,7 @@ bool runWithFault(const Sweep &sweep, size_t number, FaultPoint &point) {
     if (!all.met) {
         return false;
     }
-    point = {number, all.index, all.slot->name, describe(all.caller), all.pid != getpid()};
+    point = {number, all.index, all.slot->name, describe(all.caller), all.pid != getpid(), all.slot->code};
     return true;
 }
 
@@ -394,6 +394,9 @@ bool runWithFault(const Sweep &sweep, size_t number, FaultPoint &point) {
 
 size_t Sweep::run() {
     findLibrary();
+    if (!function.empty() && dlsym(RTLD_DEFAULT, function.c_str()) == nullptr) {
+        refuse("no such function", function.c_str());
+    }
     for (const std::string &name : only) {
         (void)slotOf(name); // a misspelt name would leave the sweep empty
     }
@@ -415,7 +418,8 @@ size_t Sweep::run() {
     if (points == most) {
         ADD_FAILURE() << "no end of calls after " << points << " points";
     }
-    std::printf("[  POINTS  ] %zu calls failed, one a run\n", points);
+    std::printf("[  POINTS  ] %zu calls failed, one a run%s%s\n", points, function.empty() ? "" : ": ",
+                function.c_str());
     return points;
 }
 

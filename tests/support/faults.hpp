@@ -48,6 +48,7 @@ struct FaultPoint {
     std::string symbol;
     std::string caller; // function and offset, or offset in the library
     bool inChild = false;
+    unsigned int code = 0; // what the failed function of the platform left in the error register
 
     // True for functions whose own failure leaves something behind: unlink, rmdir, waitpid, kill ...
     [[nodiscard]] bool leavesBehind() const;
@@ -92,6 +93,7 @@ class Sweep {
 public:
     enum class Whose { everyones, parents, childrens };
 
+    std::string function;                          // the exported function that is swept; printed with the points
     std::function<void()> prepare;                 // before each run, nothing fails in it
     std::function<void()> operation;               // the run
     std::function<void(const FaultPoint &)> check; // after each run that met its point
