@@ -22,8 +22,15 @@ SHARESNAP_BEGIN_DECLS
 /* Limits of a section, in pairs and bytes without the end. */
 enum { SNAP_ATTR_MAX_PAIRS = 64, SNAP_ATTR_MAX_KEY = 63, SNAP_ATTR_MAX_VALUE = 511 };
 
-/* A selector decides on one section: 0 keep, 1 skip, 2 stop with success, 3 stop with failure, anything else skip. It
-   runs under the shared metadata lock, so it must be short and must not write. */
+/* What a selector decides on one section. Anything else skips it. */
+enum {
+    SNAP_SELECT_KEEP = 0,
+    SNAP_SELECT_SKIP = 1,
+    SNAP_SELECT_STOP = 2, /* the listing ends there, with success */
+    SNAP_SELECT_FAIL = 3  /* the listing fails */
+};
+
+/* A selector runs under the shared metadata lock, so it must be short and must not write. */
 typedef int (*QOVAShareSnapSelector)(const char *szSnapName, const QLIBCSZHASH *pHash, void *pData);
 
 /* One link of a chain of selectors; the empty chain is a null pointer. */

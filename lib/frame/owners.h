@@ -1,4 +1,4 @@
-// Owners for what is released on every path. Destructors accept null and keep errno and the error register.
+// Owners for what is released on every path. Destructors accept null and keep errno.
 #ifndef SHARESNAP_FRAME_OWNERS_H
 #define SHARESNAP_FRAME_OWNERS_H
 

@@ -13,13 +13,11 @@ using namespace sharesnap;
 
 namespace {
 
-enum { kKeep = 0, kSkip = 1 };
-
 constexpr size_t kTextSize = 1024;
 
 int RefuseNull(const char *szCheckFile, int nLine, const char *szCheck) {
     (void)BadArgument(szCheckFile, nLine, szCheck); // a selector can't fail: it skips
-    return kSkip;
+    return SNAP_SELECT_SKIP;
 }
 
 #define SELECTOR_BAD_ARGUMENT(szCheck) RefuseNull(__FILE_NAME__, __LINE__, (szCheck))
@@ -95,11 +93,11 @@ int QOVAShareSnapTimeSelector(const char *szSnapName, const QLIBCSZHASH *pHash, 
     time_t tReference = 0;
     if (std::strstr(szTest, "GMT") == nullptr || !TimeInText(szSnapName, &tSnapshot) ||
         !TimeInText(szTest, &tReference)) {
-        return kSkip;
+        return SNAP_SELECT_SKIP;
     }
     const double dDifference = difftime(tSnapshot, tReference);
     const char cNeeded = dDifference < 0 ? '<' : dDifference > 0 ? '>' : '=';
-    return std::strchr(szTest, cNeeded) != nullptr ? kKeep : kSkip;
+    return std::strchr(szTest, cNeeded) != nullptr ? SNAP_SELECT_KEEP : SNAP_SELECT_SKIP;
 }
 
 int QOVAShareSnapAttrSelector(const char *szSnapName, const QLIBCSZHASH *pHash, void *pData) {
@@ -114,7 +112,7 @@ int QOVAShareSnapAttrSelector(const char *szSnapName, const QLIBCSZHASH *pHash, 
     }
     const char *szTest = static_cast<const char *>(pData);
     const bool blNegated = szTest[0] == '!';
-    return MatchesAttribute(pHash, blNegated ? szTest + 1 : szTest) != blNegated ? kKeep : kSkip;
+    return MatchesAttribute(pHash, blNegated ? szTest + 1 : szTest) != blNegated ? SNAP_SELECT_KEEP : SNAP_SELECT_SKIP;
 }
 
 int QOVAShareSnapCommonSelector(const char *szSnapName, const QLIBCSZHASH *pHash, void *pData) {
@@ -129,9 +127,9 @@ int QOVAShareSnapCommonSelector(const char *szSnapName, const QLIBCSZHASH *pHash
     }
     const char *szUuid = QLIBCSzHashGetValue(pHash, "ruuid");
     if (szUuid == nullptr) {
-        return kSkip;
+        return SNAP_SELECT_SKIP;
     }
     char szItem[kTextSize];
     (void)std::snprintf(szItem, sizeof(szItem), "%s=%s", szSnapName, szUuid);
-    return QLIBCSzListFind(static_cast<const QLIBCSZLIST *>(pData), szItem) < 0 ? kSkip : kKeep;
+    return QLIBCSzListFind(static_cast<const QLIBCSZLIST *>(pData), szItem) < 0 ? SNAP_SELECT_SKIP : SNAP_SELECT_KEEP;
 }

@@ -134,8 +134,6 @@ bool OpenStream(Listing *pListing, const char *szPath) {
 }
 
 // Results of a selector, as a listing takes them.
-enum SelectorResult { kKeep = 0, kStop = 2, kFail = 3 };
-
 int ScanSections(Listing *pListing, QLIBCSZLIST **ppListSnap, const QOVAShareSnapEnum *pEnum) {
     char szSection[kSectionSize];
     for (;;) {
@@ -145,14 +143,14 @@ int ScanSections(Listing *pListing, QLIBCSZLIST **ppListSnap, const QOVAShareSna
             return nPairs < 0 ? -1 : 0;
         }
         switch (QOVAShareSnapProcessSelector(szSection, pEnum, pListing->hash.get())) {
-        case kKeep:
+        case SNAP_SELECT_KEEP:
             if (QLIBCSzListPush(ppListSnap, szSection) < 0) {
                 return -1; // a list with a gap would tell of a snapshot that doesn't exist
             }
             break;
-        case kStop:
+        case SNAP_SELECT_STOP:
             return 0;
-        case kFail:
+        case SNAP_SELECT_FAIL:
             return -1;
         default:
             break;
@@ -286,11 +284,11 @@ int QOVAShareSnapList(const QOVASHARE *pShare, QLIBCSZLIST **ppListSnap, const Q
 int QOVAShareSnapProcessSelector(const char *szSnapName, const QOVAShareSnapEnum *pEnum, const QLIBCSZHASH *pHash) {
     for (const QOVAShareSnapEnum *pLink = pEnum; pLink != nullptr; pLink = pLink->pNext) {
         const int nResult = pLink->pSelector(szSnapName, pHash, pLink->pData);
-        if (nResult != kKeep) {
+        if (nResult != SNAP_SELECT_KEEP) {
             return nResult;
         }
     }
-    return kKeep;
+    return SNAP_SELECT_KEEP;
 }
 
 void QOVAShareSnapEnumFree(QOVAShareSnapEnum *pEnum) {
