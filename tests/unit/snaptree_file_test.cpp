@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -363,49 +362,6 @@ TEST_F(TreeFile, TwoProcessesLoseNoInsertion) {
     EXPECT_EQ(static_cast<size_t>(kSnaps), reader.getObject(objectName("a"))->listSnapshots().size());
     EXPECT_EQ(static_cast<size_t>(kSnaps), reader.getObject(objectName("b"))->listSnapshots().size());
     reader.freeLock();
-}
-
-// A lock that can't be given back is still the tree's: the next attempt gives it back.
-TEST_F(TreeFile, LockThatCannotBeDroppedIsKept) {
-    SnapTree tree;
-    ASSERT_EQ(0, tree.loadByVolume("/vol1", true));
-    {
-        const testkit::Replacement<int(int)> held("QLIBCFileUnlockByFile", [](int) { return 0; });
-        tree.freeLock();
-        EXPECT_TRUE(testkit::loggedMatch(
-            LOG_ERR, "^snaptree_file\\.cpp:[0-9]+ Failed to unlock filelock\\[0x[0-9A-F]{4} .*:[0-9]+\\]$"));
-        EXPECT_TRUE(locked());
-        tree.freeLock();
-        EXPECT_EQ(2u, testkit::logCount(LOG_ERR, "Failed to unlock filelock["));
-        EXPECT_TRUE(tree.save()); // the file is written: the lock has no part in it
-        EXPECT_EQ(3u, testkit::logCount(LOG_ERR, "Failed to unlock filelock["));
-    }
-    EXPECT_TRUE(locked());
-    tree.freeLock();
-    EXPECT_FALSE(locked());
-    EXPECT_EQ(3u, testkit::logLines().size());
-}
-
-TEST_F(TreeFile, MarkThatCannotBeSetLeavesTheFileUnmarked) {
-    place(fixture("bad-trunc-485"));
-    {
-        const testkit::Fault fault("QLIBCFileTouch", 1, EROFS);
-        SnapTree tree;
-        tree.setTreeFile(kFile);
-        EXPECT_FALSE(tree.load());
-        EXPECT_TRUE(fault.met());
-    }
-    const auto lines = testkit::logLines();
-    ASSERT_EQ(2u, lines.size()) << testkit::logText();
-    EXPECT_NE(std::string::npos,
-              lines[0].text.find(std::string("Fail to touch snap broken file [") + kMark + "][0x0C00 "));
-    EXPECT_NE(std::string::npos,
-              lines[1].text.find(std::string("snaptree is broken, create broken file [") + kFile + "]"));
-    EXPECT_FALSE(testkit::exists(kMark));
-    SnapTree tree;
-    tree.setTreeFile(kFile);
-    EXPECT_FALSE(tree.load()); // the next one marks it
-    EXPECT_TRUE(testkit::exists(kMark));
 }
 
 // Everything that is done with a tree on its way through the file, with a chain that no recursion survives.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "support/fixtures.hpp"
 #include "support/log_capture.hpp"
@@ -137,6 +138,56 @@ TEST_F(TreeNode, SecondSnapshotOfANameReplacesTheFields) {
     object.deleteSnapshot(snapName("a", "s"));
     EXPECT_EQ(nullptr, object.getSnapshot(snapName("a", "s")));
     EXPECT_TRUE(testkit::nothingFailed());
+}
+
+// All names of the texts "", "1" and "11": many of them are one key with others.
+std::vector<nodeName> similarNames() {
+    std::vector<nodeName> names;
+    for (const int type : {1, 2, 3, 11}) {
+        for (const std::string object : {"", "1", "11"}) {
+            for (const std::string snap : {"", "1", "11"}) {
+                for (const std::string clone : {"", "1", "11"}) {
+                    names.push_back(treeName(type, object, snap, clone));
+                }
+            }
+        }
+    }
+    return names;
+}
+
+bool isOneKey(const nodeName &a, const nodeName &b) {
+    return NodeNameHasher()(a) == NodeNameHasher()(b);
+}
+
+// Each look-up of each kind of node finds by the hash alone, whatever else stands in the map.
+TEST_F(TreeNode, EveryLookUpFindsTheNamesOfEqualHash) {
+    const std::vector<nodeName> names = similarNames();
+    size_t hits = 0;
+    for (const nodeName &stored : names) {
+        SnapTree tree;
+        tree.addObject(ObjectNode(stored, rootName()));
+        tree.addClone(ClonePointNode(stored, rootName()));
+        ObjectNode object(objectName("owner"), rootName());
+        object.addSnapshot(SnapshotNode(stored, rootName()));
+        for (const char *other : {"x", "y", "z"}) {
+            tree.addObject(ObjectNode(objectName(other), rootName()));
+            tree.addClone(ClonePointNode(cloneName(other), rootName()));
+            object.addSnapshot(SnapshotNode(snapName(other, other), rootName()));
+        }
+        for (const nodeName &wanted : names) {
+            BaseNode parent(rootName(), rootName());
+            parent.addChild(objectName("x"));
+            parent.addChild(stored);
+            parent.deleteChild(wanted);
+            const bool hit = isOneKey(stored, wanted);
+            hits += hit ? 1 : 0;
+            EXPECT_EQ(hit, tree.getObject(wanted) != nullptr) << stored << " " << wanted;
+            EXPECT_EQ(hit, tree.getClone(wanted) != nullptr) << stored << " " << wanted;
+            EXPECT_EQ(hit, object.getSnapshot(wanted) != nullptr) << stored << " " << wanted;
+            EXPECT_EQ(hit ? 1U : 2U, parent.getChildSize()) << stored << " " << wanted;
+        }
+    }
+    EXPECT_LT(2 * names.size(), hits); // each is one key with some others
 }
 
 } // namespace
