@@ -104,7 +104,12 @@ int addPrograms(const std::string &base, const std::string &subdirectory, Unsafe
         return errno;
     }
     (void)copy.Release(); // the stream has taken it over
-    while (const dirent *entry = readdir(directory.get())) {
+    for (;;) {
+        errno = 0;
+        const dirent *entry = readdir(directory.get());
+        if (entry == nullptr) {
+            return errno; // 0 at the end
+        }
         if (!isProgramName(entry->d_name) || programs->count(entry->d_name) != 0) {
             continue;
         }
@@ -115,7 +120,6 @@ int addPrograms(const std::string &base, const std::string &subdirectory, Unsafe
         }
         programs->emplace(entry->d_name, Program{std::move(path), std::move(program.file)});
     }
-    return 0;
 }
 
 } // namespace

@@ -22,8 +22,9 @@ enum class Unsafe { passOver, log };
 // entry of the first directory hides one of the same name in the second, also when it can't be run itself. Names
 // consist of letters, digits, '_' and '-'. File and directories, from /etc/sharesnap and /usr/lib/sharesnap on, have to
 // be root's, writable by nobody else, and no symbolic links; the file has to be regular and executable. All else is
-// passed over, and logged when it is unsafe and the caller asks for that. False with errno when something that could be
-// such a program can't be opened for another reason, as for want of descriptors; what was found until then is given.
+// passed over, and logged when it is unsafe and the caller asks for that. False with errno when a directory can't be read
+// to its end, or something that could be such a program can't be opened for another reason, as for want of descriptors;
+// what was found until then is given.
 [[nodiscard]] bool openPrograms(const std::string &subdirectory, Unsafe unsafe, std::vector<Program> *programs);
 
 // True for a name of letters, digits, '_' and '-' that isn't empty.

@@ -40,7 +40,7 @@ struct Outcome {
     std::string snapshot;
     int code = SNAP_ERR_OPERATION_FAILED; // of the multi-result; 0 deleted
     std::vector<Hold> holds;
-    std::string reason; // of a failed one
+    std::string reason; // of a failed one; of a held one, why its holders can't be told
 };
 
 // Each batch rewrites the share's list once. Between two of them progress can be shown and others get their turn.
@@ -97,6 +97,19 @@ std::string reasonOf(const QOVASHARE &share, Cause cause) {
     return whole.substr(whole.find_first_not_of(": "));
 }
 
+// What was deleted is yet to be told, whatever becomes of the holders' names.
+void addHolders(const QOVASHARE &share, Outcome &outcome) {
+    try {
+        outcome.holds = holdsOf(share, outcome.snapshot);
+    } catch (const Failure &failure) {
+        outcome.reason = failure.message();
+    }
+}
+
+std::string heldText(const Outcome &outcome) {
+    return outcome.holds.empty() ? "held" : "held by " + holdsText(outcome.holds);
+}
+
 std::vector<Outcome> deleteBatch(const QOVASHARE &share, const std::vector<std::string> &names) {
     const List list = listOf(names);
     Results results = newResults();
@@ -110,7 +123,7 @@ std::vector<Outcome> deleteBatch(const QOVASHARE &share, const std::vector<std::
         // An entry that can't be read counts as a failed delete.
         (void)QLIBCMResultGetCoreErrorByIndex(results.get(), static_cast<int>(i), &outcome.code);
         if (outcome.code == SNAP_RESULT_LOCKED) {
-            outcome.holds = holdsOf(share, outcome.snapshot);
+            addHolders(share, outcome);
         } else if (outcome.code != 0) {
             outcome.reason = reason;
         }
@@ -199,7 +212,8 @@ void explain(const QOVASHARE &share, const Outcome &outcome) {
         return;
     case SNAP_RESULT_LOCKED: {
         const std::string holder = outcome.holds.empty() ? "HOLDER" : printable(outcome.holds.front().holder);
-        complain(what + "it is held by " + holdsText(outcome.holds) + " [SNAP_RESULT_LOCKED]",
+        complain(what + "it is " + heldText(outcome) + " [SNAP_RESULT_LOCKED]" +
+                     (outcome.reason.empty() ? "" : "; " + outcome.reason),
                  "let the holder end, or `sharesnap hold release " + name + " " + printable(outcome.snapshot) + " " +
                      holder + " --all`");
         return;
@@ -240,7 +254,7 @@ void printOutcomes(const QOVASHARE &share, const std::vector<Outcome> &outcomes,
         Table table({"SNAPSHOT", "RESULT"});
         for (const Outcome &outcome : outcomes) {
             const bool held = outcome.code == SNAP_RESULT_LOCKED;
-            table.addRow({outcome.snapshot, held ? "held by " + holdsText(outcome.holds) : resultWord(outcome)});
+            table.addRow({outcome.snapshot, held ? heldText(outcome) : resultWord(outcome)});
         }
         table.print(form);
     }

@@ -7,15 +7,23 @@
 
 namespace command {
 
-MoveLock::MoveLock() {
+MoveLock::MoveLock(Mode mode, int seconds) {
     (void)QOVAShareSnapCreateRunLockShareSnapDir(); // the attempt to lock tells
-    if (QLIBCFileLockTimeByFile("/run/lock/sharesnap/share_rename.lock", 1, 10, &fd_) == 0) {
-        throw Failure(exitFailed, "another rename or restore of a share is under way", "try again when it is done");
+    held_ = QLIBCFileLockTimeByFile("/run/lock/sharesnap/share_rename.lock", mode, seconds, &fd_) != 0;
+}
+
+MoveLock::MoveLock(Mode mode) : MoveLock(mode, 10) {
+    if (!held_) {
+        const char *others = mode == alone ? "another rename or restore of a share, or a change of their names,"
+                                           : "a rename or restore of a share";
+        throw Failure(exitFailed, std::string(others) + " is under way", "try again when it is done");
     }
 }
 
 MoveLock::~MoveLock() {
-    (void)QLIBCFileUnlockByFile(fd_); // ends with the process at the latest
+    if (held_) {
+        (void)QLIBCFileUnlockByFile(fd_); // ends with the process at the latest
+    }
 }
 
 } // namespace command

@@ -3,28 +3,9 @@
 #include "failure.h"
 #include "text.h"
 
-#include <sharesnap/frame.h>
-#include <sharesnap/platform/file_lock.h>
-
 #include <algorithm>
 
 namespace command {
-namespace {
-
-constexpr int lockSeconds = 10;
-
-} // namespace
-
-NamesLock::NamesLock(int seconds) {
-    (void)QOVAShareSnapCreateRunLockShareSnapDir(); // the attempt to lock tells
-    held_ = QLIBCFileLockTimeByFile("/run/lock/sharesnap/share_rename.lock", 0, seconds, &fd_) != 0;
-}
-
-NamesLock::~NamesLock() {
-    if (held_) {
-        (void)QLIBCFileUnlockByFile(fd_); // ends with the process at the latest
-    }
-}
 
 std::vector<RenameIntent> interruptedRenames() {
     std::vector<RenameIntent> intents;
@@ -48,10 +29,7 @@ void requireNoInterruptedRename(const std::vector<std::string> &names) {
     }
 }
 
-SettledNames::SettledNames(const std::vector<std::string> &names) : lock_(lockSeconds) {
-    if (!lock_.held()) {
-        throw Failure(exitFailed, "a rename or restore of a share is under way", "try again when it is done");
-    }
+SettledNames::SettledNames(const std::vector<std::string> &names) : lock_(MoveLock::together) {
     requireNoInterruptedRename(names);
 }
 

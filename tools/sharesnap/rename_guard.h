@@ -1,6 +1,7 @@
 // Interrupted renames stand in the way of whatever else would give or take away one of their names.
 #pragma once
 
+#include "move_lock.h"
 #include "rename_intent.h"
 
 #include <string>
@@ -8,27 +9,12 @@
 
 namespace command {
 
-// Held by what gives or takes away the name of a share, so that no rename begins meanwhile. Any number of them at a
-// time. The notes of renames are read under it: one that is just being written looks like one that an interruption left.
-class NamesLock {
-public:
-    explicit NamesLock(int seconds);
-    ~NamesLock();
-    NamesLock(const NamesLock &) = delete;
-    NamesLock &operator=(const NamesLock &) = delete;
-
-    [[nodiscard]] bool held() const { return held_; }
-
-private:
-    int fd_ = -1;
-    bool held_;
-};
-
-// Renames that were interrupted. The caller keeps other renames away. Throws a Failure.
+// Renames that were interrupted. The caller holds the lock: a note that is just being written looks like one that an
+// interruption left. Throws a Failure.
 [[nodiscard]] std::vector<RenameIntent> interruptedRenames();
 
 // Throws a Failure (refused) when one of the names is the old or the new one of an interrupted rename: what is done under
-// it now would be taken for the renamed share when the rename is settled. The caller keeps other renames away.
+// it now would be taken for the renamed share when the rename is settled. The caller holds the lock.
 void requireNoInterruptedRename(const std::vector<std::string> &names);
 
 // The same for verbs that rename nothing themselves: waits some seconds for renames to end, and keeps them away as long
@@ -38,7 +24,7 @@ public:
     explicit SettledNames(const std::vector<std::string> &names);
 
 private:
-    NamesLock lock_;
+    MoveLock lock_;
 };
 
 // "a rename of share "docs" to "files" was interrupted", and the commands that settle it.

@@ -124,7 +124,7 @@ bool tellOfKept(const QOVASHARE &share, const std::string &kept) {
 int restoreShare(const RestoreArguments &arguments, const OutputForm &form) {
     const std::string task = "can't restore";
     requireRoot(task + " share " + quoted(arguments.share));
-    const MoveLock lock;
+    const MoveLock lock(MoveLock::alone);
     const Share share = requireBtrfsShare(arguments.share, task);
     requireDataSubvolume(*share, task);
     const std::string what = task + " " + named(*share);

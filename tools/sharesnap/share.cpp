@@ -1,5 +1,6 @@
 // sharesnap share: the shares that can have snapshots.
 #include "failure.h"
+#include "rename_guard.h"
 #include "share_admin.h"
 #include "share_lookup.h"
 #include "verbs.h"
@@ -9,6 +10,7 @@
 #include <sharesnap/lifecycle.h>
 
 #include <memory>
+#include <unistd.h>
 
 namespace command {
 namespace {
@@ -20,6 +22,20 @@ Json shareDocument(const QOVASHARE &share) {
     entry["description"] = share.szDesc;
     entry["encrypted"] = isEncrypted(share);
     return entry;
+}
+
+// A rename that is under way holds the lock, and is no interrupted one.
+void tellOfInterruptedRenames() {
+    if (geteuid() != 0) { // only root can lock
+        return;
+    }
+    const MoveLock lock(MoveLock::together, 0);
+    if (!lock.held()) {
+        return;
+    }
+    for (const RenameIntent &intent : interruptedRenames()) {
+        complain(interruptedText(intent), howToSettle(intent));
+    }
 }
 
 int listShares(const OutputForm &form) {
@@ -42,6 +58,7 @@ int listShares(const OutputForm &form) {
     } else {
         table.print(form);
     }
+    tellOfInterruptedRenames();
     return status;
 }
 
@@ -61,11 +78,31 @@ std::string obstacle(const QOVASHARE &share) {
     return "";
 }
 
+// How many visible snapshots there are; -1, with a complaint, when that can't be told.
+int countOrComplaint(const QOVASHARE &share) {
+    forgetCause();
+    const int count = ShareSnapSnapCountGet(&share, 0);
+    if (count >= 0) {
+        return count;
+    }
+    const Failure failure = libraryFailure("can't count the snapshots of " + named(share), share, causeNow());
+    complain(failure.message(), failure.next());
+    return -1;
+}
+
+std::string snapshotsText(const std::string &no, int count, int limit) {
+    if (!no.empty()) {
+        return no;
+    }
+    return (count >= 0 ? std::to_string(count) : "unknown") + " of " + std::to_string(limit);
+}
+
 int showShare(const std::string &name, const OutputForm &form) {
     const Share share = requireShare(name);
     const std::string no = obstacle(*share);
-    const int count = no.empty() ? ShareSnapSnapCountGet(share.get(), 0) : -1;
+    const int count = no.empty() ? countOrComplaint(*share) : -1;
     const int limit = QOVAShareSnapMaximumGet();
+    const int status = no.empty() && count < 0 ? +exitInPart : +exitDone;
     if (form.json) {
         Json document = newDocument();
         document["share"] = shareDocument(*share);
@@ -74,7 +111,7 @@ int showShare(const std::string &name, const OutputForm &form) {
         document["snapshots"] = count >= 0 ? Json(count) : Json();
         document["limit"] = limit;
         printDocument(document);
-        return exitDone;
+        return status;
     }
     Table table({"FACT", "VALUE"});
     table.addRow({"share", name});
@@ -84,9 +121,9 @@ int showShare(const std::string &name, const OutputForm &form) {
     table.addRow({"denied", share->szDenyList});
     table.addRow({"read and write", share->szRWList});
     table.addRow({"read only", share->szROList});
-    table.addRow({"snapshots", no.empty() ? std::to_string(count) + " of " + std::to_string(limit) : no});
+    table.addRow({"snapshots", snapshotsText(no, count, limit)});
     table.print(form);
-    return exitDone;
+    return status;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "share_admin.h"
 
 #include "failure.h"
+#include "rename_guard.h"
 #include "share_lookup.h"
 #include "text.h"
 #include "volume_tree.h"
@@ -162,6 +163,21 @@ void checkLeftovers(const QOVASHARE &share, const ShareRemoval &removal, const s
     }
 }
 
+bool isShare(const std::string &name) {
+    int exists = 0;
+    return QLIBShareIsExist(name.c_str(), &exists) != 0 || exists != 0; // a list that can't be read is told of later
+}
+
+// An interrupted rename whose share has no record under either name can't be settled until the record is put back: that
+// is what adding an existing subvolume is for then.
+bool putsRecordBack(const ShareAddition &addition) {
+    const std::vector<RenameIntent> intents = interruptedRenames();
+    return addition.existing && std::any_of(intents.begin(), intents.end(), [&](const RenameIntent &intent) {
+               const bool isMeant = addition.name == intent.oldName || addition.name == intent.newName;
+               return isMeant && !isShare(intent.oldName) && !isShare(intent.newName);
+           });
+}
+
 } // namespace
 
 void checkShareName(const std::string &name) {
@@ -200,6 +216,10 @@ int addShare(const ShareAddition &asked) {
     checkArguments(addition);
     const std::string what = "can't add share " + quoted(addition.name);
     requireRoot(what);
+    const SettledNames settled({});
+    if (!putsRecordBack(addition)) {
+        requireNoInterruptedRename({addition.name});
+    }
     requireFreeName(addition.name, what);
     checkPlace(addition, what);
     const NewRecord record(addition);
@@ -221,6 +241,7 @@ int addShare(const ShareAddition &asked) {
 
 int removeShare(const ShareRemoval &removal) {
     requireRoot("can't remove share " + quoted(removal.name));
+    const SettledNames settled({removal.name});
     const Share share = requireShare(removal.name);
     const std::string what = "can't remove " + named(*share);
     const std::string volume = volumeOf(*share, "can't remove"); // unmounted, nobody knows what it holds

@@ -1,6 +1,7 @@
 // sharesnap share remove --data: a share goes with its files and all its snapshots.
 #include "failure.h"
 #include "holds.h"
+#include "rename_guard.h"
 #include "share_admin.h"
 #include "share_lookup.h"
 #include "text.h"
@@ -94,6 +95,7 @@ int eraseShare(const ShareRemoval &removal) {
     const std::string volume = volumeOf(*share, "can't remove");
     announce(*share, snapshotsOnVolume(*share, what));
     requireConsent(removal);
+    const SettledNames settled({removal.name}); // not while somebody makes up his mind
     removeData(*share, what);
     forgetCause();
     if (QOVAShareSnapConfigDelete(share->szPath) != 0) {

@@ -91,7 +91,7 @@ int renameShare(const ShareRenaming &renaming) {
     }
     if (renaming.finish || renaming.undo) {
         requireRoot("can't rename share " + quoted(renaming.name));
-        const MoveLock lock;
+        const MoveLock lock(MoveLock::alone);
         const auto pending = readIntent(renaming.name);
         if (!pending) {
             throw Failure(exitNotFound, "no rename of share " + quoted(renaming.name) + " was interrupted");
@@ -101,7 +101,7 @@ int renameShare(const ShareRenaming &renaming) {
     checkShareName(renaming.newName);
     const std::string what = "can't rename share " + quoted(renaming.name) + " to " + quoted(renaming.newName);
     requireRoot(what);
-    const MoveLock lock;
+    const MoveLock lock(MoveLock::alone);
     requireNoInterruptedRename({renaming.name, renaming.newName});
     return beginRename(renaming, what);
 }

@@ -7,6 +7,8 @@
 
 #include <sharesnap/frame.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sys/mman.h>
@@ -25,23 +27,47 @@ struct TreeArguments {
     bool sources = false;
 };
 
-// Printing goes to a file by the library's interface; this one lies in memory.
+// A file in memory, under a path by which a stream can be opened on it.
+class MemoryFile {
+public:
+    MemoryFile() : fd_(memfd_create("tree", MFD_CLOEXEC)) {}
+    ~MemoryFile() { (void)close(fd_); } // nothing of it is kept
+    MemoryFile(const MemoryFile &) = delete;
+    MemoryFile &operator=(const MemoryFile &) = delete;
+
+    [[nodiscard]] int fd() const { return fd_; }
+    [[nodiscard]] std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+
+private:
+    int fd_;
+};
+
+Failure cantPrint(const char *reason) {
+    return {exitFailed, std::string("can't print the tree: ") + reason};
+}
+
+// Printing goes to a file by the library's interface; this one lies in memory. A tree that is cut short looks like a
+// whole one, so every step is looked at.
 std::string printedTree(const SnapTree &tree) {
-    const int file = memfd_create("tree", MFD_CLOEXEC);
-    if (file < 0) {
-        throw Failure(exitFailed, "can't print the tree: there is no memory left");
+    const MemoryFile file;
+    if (file.fd() < 0) {
+        throw cantPrint(std::strerror(errno));
+    }
+    std::ofstream out(file.path());
+    tree.printTree(out);
+    out.close();
+    if (!out) {
+        throw cantPrint("it can't be written to a file in memory");
     }
     std::string text;
-    {
-        std::ofstream out("/proc/self/fd/" + std::to_string(file));
-        tree.printTree(out);
-    }
     char piece[65536];
     for (ssize_t read = 1; read > 0;) {
-        read = pread(file, piece, sizeof(piece), static_cast<off_t>(text.size()));
-        text.append(piece, read > 0 ? static_cast<size_t>(read) : 0);
+        read = pread(file.fd(), piece, sizeof(piece), static_cast<off_t>(text.size()));
+        if (read < 0) {
+            throw cantPrint(std::strerror(errno));
+        }
+        text.append(piece, static_cast<size_t>(read));
     }
-    (void)close(file); // nothing of it is kept
     return text;
 }
 
