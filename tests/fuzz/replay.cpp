@@ -1,7 +1,8 @@
 // Drives a fuzz target without libFuzzer: replay [folder]
 //
 // First every file of the folder, then mutations of them: a fixed number from a fixed seed, or as many as
-// SHARESNAP_CAMPAIGN_SECONDS leaves time for. An input that ends the process is printed in hexadecimal.
+// SHARESNAP_CAMPAIGN_SECONDS leaves time for. An input that ends the process is printed in hexadecimal; so is one that
+// takes more memory or time than its size can explain, since that ends the process, too.
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,11 +18,14 @@
 #include <vector>
 
 #include "fuzz/fuzz.hpp"
+#include "support/bounded.hpp"
 
 namespace {
 
 constexpr int kMutations = 5000;
 constexpr size_t kLargest = 1 << 16;
+constexpr size_t kMostBytes = size_t{64} << 20; // for an input; another one for all that are kept
+constexpr unsigned kMostSeconds = 100;          // for what takes milliseconds: the machine may be slow
 
 std::string current; // the input that is being tried
 
@@ -56,13 +60,14 @@ void printInputOnSignals() {
     if (sigaltstack(&alternate, nullptr) < 0) {
         std::perror("sigaltstack");
     }
-    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
+    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) {
         (void)sigaction(number, &action, nullptr);
     }
 }
 
 bool taken(const std::string &input) {
     current = input;
+    (void)alarm(kMostSeconds);
     (void)LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(current.data()), current.size());
     return fuzzInputTaken;
 }
@@ -168,6 +173,7 @@ int main(int argc, char **argv) {
         return EXIT_FAILURE;
     }
     printInputOnSignals();
+    testkit::boundMemory(2 * kMostBytes);
     Mutator mutator;
     for (const std::string &input : inputs) {
         if (taken(input)) {

@@ -1,5 +1,5 @@
 // Any bytes as the tree file of a volume: they give a tree or are refused with the mark, a tree that was given comes
-// back the same from its next file, and every walk and rewrite of it ends.
+// back the same from its next file, and every walk, search and rewrite of it ends.
 #include <sharesnap/snaptree.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,6 +26,7 @@ using namespace QovaSnapTree;
 constexpr char kFile[] = "/vol1/@eaDir/snaptree.bin";
 constexpr char kMark[] = "/vol1/@eaDir/snaptree.bin.broken";
 constexpr size_t kMostNodes = 200; // enough of a large tree
+constexpr size_t kMostSearches = 4;
 
 void require(bool holds, const char *what) {
     if (!holds) {
@@ -84,6 +85,24 @@ void rewriteEverything(SnapTree &tree) {
     (void)testkit::printedTree(tree);
 }
 
+// The search reads the volume's file itself.
+void searchFromSome(const SnapTree &tree) {
+    size_t left = kMostSearches;
+    for (const nodeName &name : reachable(tree)) {
+        if (left == 0 || (name.type != NODE_OBJECT && name.type != NODE_SNAPSHOT)) {
+            continue;
+        }
+        --left;
+        const std::string path = "/vol1/" + (name.type == NODE_OBJECT ? name.objectName : name.snapName);
+        SnapTree reader;
+        std::vector<nodeName> sources;
+        (void)reader.findCloneSrcSnap("/vol1", name.objectName, path, sources); // a name can be any text
+        for (const nodeName &source : sources) {
+            require(source.type == NODE_SNAPSHOT, "a source is no snapshot");
+        }
+    }
+}
+
 // False for a file that was refused.
 bool loadAndUse() {
     SnapTree tree;
@@ -101,6 +120,7 @@ bool loadAndUse() {
     require(testkit::printedTree(tree) == testkit::printedTree(again), "another tree came back");
     require(again.save(), "what came back can't be saved");
     require(saved == testkit::readFile(kFile), "what came back is saved otherwise");
+    searchFromSome(again);
     rewriteEverything(again);
     return true;
 }

@@ -1,6 +1,7 @@
 // Work on damaged input has to end in bounded time and memory: the bounds, and a child process to be tried in.
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -44,7 +45,7 @@ inline void boundMemory(size_t cbMore) {
     std::ifstream("/proc/self/statm") >> pages;
     rlimit limit{};
     (void)getrlimit(RLIMIT_AS, &limit);
-    limit.rlim_cur = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + cbMore;
+    limit.rlim_cur = std::min(limit.rlim_max, pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + cbMore);
     if (pages == 0 || setrlimit(RLIMIT_AS, &limit) != 0) {
         std::perror("memory can't be bounded");
         std::abort();
