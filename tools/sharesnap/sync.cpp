@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <unistd.h>
 
 namespace command {
 namespace {
@@ -61,6 +62,26 @@ Difference compare(const QOVASHARE &share) {
     return difference;
 }
 
+std::vector<std::string> inBoth(const std::vector<std::string> &some, const std::vector<std::string> &others) {
+    std::vector<std::string> both;
+    std::set_intersection(some.begin(), some.end(), others.begin(), others.end(), std::back_inserter(both));
+    return both;
+}
+
+// List and volume are read one after the other, and a snapshot that is just being taken or deleted is in one of them
+// only. What is the same in look after look is no such snapshot.
+Difference lastingDifference(const QOVASHARE &share) {
+    constexpr int looks = 6;
+    constexpr useconds_t pause = 500000;
+    Difference lasting = compare(share);
+    for (int look = 1; look < looks && !lasting.none(); ++look) {
+        usleep(pause);
+        const Difference now = compare(share);
+        lasting = {inBoth(lasting.stale, now.stale), inBoth(lasting.missing, now.missing)};
+    }
+    return lasting;
+}
+
 struct Report {
     Table table{{"SHARE", "SNAPSHOT", "CHANGE"}};
     Json shares = Json::array();
@@ -102,7 +123,7 @@ void syncOne(const std::string &name, bool dryRun, Report &report) {
             throw libraryFailure("can't sync " + named(*share), *share, causeNow());
         }
         // Single snapshots that can't be put right don't show in the result.
-        const Difference after = compare(*share);
+        const Difference after = lastingDifference(*share);
         if (!after.none()) {
             const std::string first = after.stale.empty() ? after.missing.front() : after.stale.front();
             throw Failure(exitFailed,
