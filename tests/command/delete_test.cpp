@@ -1,7 +1,15 @@
 // sharesnap delete and hold.
 #include "command/command.hpp"
 
+#include <sharesnap/lifecycle.h>
 #include <sharesnap/platform/subvolume.h>
+
+#include <chrono>
+#include <fcntl.h>
+#include <future>
+#include <linux/btrfs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -122,6 +130,87 @@ TEST_F(DeleteVerb, WithoutAChoiceItIsUsage) {
     }
     EXPECT_TRUE(ends(sharesnap({"delete", "nope", old1}), notFound));
     EXPECT_EQ(4U, listed({"--hidden"}).size());
+}
+
+// What the file system can't clean up at once: an open file keeps its subvolume, though the snapshot is gone for all.
+class SlowCleaning : public CommandTest {
+protected:
+    void SetUp() override {
+        CommandTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        if (testkit::Sandbox::simulated()) {
+            GTEST_SKIP() << "needs the real storage core";
+        }
+        ASSERT_TRUE(testkit::writeFile("/vol1/docs/letter", "read by somebody"));
+        snapshot_ = take();
+        reader_ = open((snapshotPath(snapshot_) + "/letter").c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(reader_, 0);
+    }
+
+    void TearDown() override { stopReading(); }
+
+    void stopReading() {
+        if (reader_ >= 0) {
+            (void)close(reader_); // it was only read
+            reader_ = -1;
+        }
+    }
+
+    static uint32_t beingCleaned() {
+        uint32_t count = 0;
+        EXPECT_LE(0, QOVAShareSnapDeletingCountGet("/vol1/docs", &count));
+        return count;
+    }
+
+    // The file system goes on cleaning at its next commit.
+    static void commitVolume() {
+        const int volume = open("/vol1", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_GE(volume, 0);
+        EXPECT_EQ(0, ioctl(volume, BTRFS_IOC_SYNC));
+        (void)close(volume); // it was only asked
+    }
+
+    // A minute for what takes a moment.
+    template <typename Condition>
+    static bool eventually(const Condition &holds) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+        while (!holds()) {
+            if (std::chrono::steady_clock::now() > end) {
+                return false;
+            }
+            (void)usleep(20000);
+        }
+        return true;
+    }
+
+    std::string snapshot_;
+    int reader_ = -1;
+};
+
+TEST_F(SlowCleaning, IsWaitedForToItsEnd) {
+    const auto run = [this] { return sharesnap({"delete", "docs", snapshot_, "--wait"}); };
+    std::future<testkit::ProcessResult> deletion = std::async(std::launch::async, run);
+    EXPECT_TRUE(eventually([this] { return !testkit::exists(snapshotPath(snapshot_)); }));
+    EXPECT_EQ(std::future_status::timeout, deletion.wait_for(std::chrono::seconds(1)));
+    EXPECT_EQ(1U, beingCleaned());
+    stopReading();
+    const bool ended = eventually([&deletion] {
+        commitVolume();
+        return deletion.wait_for(std::chrono::milliseconds(100)) == std::future_status::ready;
+    });
+    EXPECT_TRUE(ended);
+    const testkit::ProcessResult result = deletion.get(); // it gives up by itself
+    EXPECT_TRUE(ends(result, done));
+    EXPECT_THAT(result.output, HasSubstr(snapshot_ + "  deleted"));
+    EXPECT_EQ(0U, beingCleaned());
+}
+
+TEST_F(SlowCleaning, IsNotWaitedForUnasked) {
+    EXPECT_TRUE(ends(sharesnap({"delete", "docs", snapshot_}), done));
+    EXPECT_FALSE(testkit::exists(snapshotPath(snapshot_)));
+    EXPECT_EQ(1U, beingCleaned());
 }
 
 using HoldVerbs = DeleteVerb;
