@@ -37,7 +37,7 @@ Outcomes reading(int done) {
 const Outcomes kWriting = with(borne(0, {"stat", "lstat", "close", "QLIBCFileUnlockByFile"}),
                                {{"mkdir", {-1, 0x0C00}}, {"open", {-1, 0x0C00}}});
 
-class FailingSettings : public testkit::VolumeTest {
+class FailingSettings : public testkit::SandboxTest {
 protected:
     static void write(const std::string &text) {
         ASSERT_TRUE(testkit::makeDirectories(kConfDirectory));

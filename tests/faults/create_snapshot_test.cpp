@@ -3,23 +3,57 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <sstream>
 #include <sys/wait.h>
+
+#include "faults/export_sweep.hpp"
 
 using namespace lifecycle;
 
 namespace {
 
+const faults::Codes kCodes = {
+    {"fopen", {0x2A00}},
+    {"getdelim", {0x2A00}},
+    {"gmtime_r", {0x2A00}},
+    {"pipe2", {0x2A00}},
+    {"fcntl", {0x2A00}},
+    {"sigaction", {0x2A00}},
+    {"fork", {0x2A00}},
+    {"waitpid", {0x2A00}},
+    {"statfs", {0x2A00}},
+    {"malloc", {0x0200}},
+    {"strdup", {0x0200}},
+    {"mkdir", {0x0C00}},
+    {"open", {0x0C00}},
+    {"QOVABtrfsCreateSubVol", {0x0C00}},
+    {"QOVAEAMKDir", {0xA100}},
+    {"QLIBShareIsEncryptionGet", {0x2A00, 0xA100}},  // the second one below "@eaDir"
+    {"QOVABtrfsIsSubVol", {0x2A00, 0x0C00, 0x0D00}}, // of the share, of its snapshot directory, of the source
+    {"setxattr", {}}, // a counter that can't be stored is told by a line with errno alone
+};
+
 class SnapCreateFaults : public Fixture {
 protected:
     using Whose = testkit::Sweep::Whose;
+    using Create = std::function<int(char *szName, size_t cbName, QLIBCSZHASH **ppHash)>;
 
     size_t sweep(const Pairs &attributes, bool first, Whose whose = Whose::parents) {
+        return sweep("QOVAShareSnapCreate", attributes, first, whose,
+                     [this](char *szName, size_t cbName, QLIBCSZHASH **ppHash) {
+                         const testkit::FixedTime clock(++now_);
+                         return QOVAShareSnapCreate(share, szName, cbName, ppHash);
+                     });
+    }
+
+    size_t sweep(const char *function, const Pairs &attributes, bool first, Whose whose, const Create &create) {
         Names before;
         std::string metaBefore;
         int countBefore = 0;
         std::unique_ptr<testkit::Leftovers> leftovers;
         testkit::Sweep sweep;
+        sweep.function = function;
         sweep.whose = whose;
         // The handler of the child's signal writes to a pipe whenever the signal comes, and how often the pipe is read
         // goes by that.
@@ -43,9 +77,8 @@ protected:
             leftovers = std::make_unique<testkit::Leftovers>(std::vector<std::string>{"/run"});
         };
         sweep.operation = [&] {
-            const testkit::FixedTime clock(++now_);
             Hash hash(attributes);
-            result = QOVAShareSnapCreate(share, name, sizeof(name), hash.address());
+            result = create(name, sizeof(name), hash.address());
             while (waitpid(-1, nullptr, 0) > 0) {} // plug-ins that nobody waits for
         };
         sweep.check = [&](const testkit::FaultPoint &point) {
@@ -58,8 +91,8 @@ protected:
             if (result == 0) {
                 expectWhole(point, name, before, countBefore, attributes);
             } else {
-                EXPECT_NE(0U, QLIBCErrGet());
                 EXPECT_EQ(-1, result);
+                EXPECT_TRUE(faults::isCodeOf(kCodes, point, QLIBCErrGet()));
                 expectNothing(point, before, metaBefore, countBefore, first);
             }
             if (!point.leavesBehind()) {
@@ -119,6 +152,43 @@ TEST_F(SnapCreateFaults, EachFailsOrIsBorneAndLeavesNothing) {
 
 TEST_F(SnapCreateFaults, FirstSnapshotOfAShare) {
     EXPECT_GT(sweep({}, true), 40U);
+}
+
+TEST_F(SnapCreateFaults, SnapshotThatWaitsForItsPlugins) {
+    (void)take();
+    ASSERT_EQ("", installPlugin("ears", "exit 0\n"));
+    EXPECT_GT(sweep("QOVAShareSnapCreateEx", {}, false, Whose::parents,
+                    [this](char *szName, size_t cbName, QLIBCSZHASH **ppHash) {
+                        const testkit::FixedTime clock(++now_);
+                        return QOVAShareSnapCreateEx(share, szName, cbName, ppHash, SNAP_CREATE_BLOCKING_POST);
+                    }),
+              40U);
+}
+
+TEST_F(SnapCreateFaults, SnapshotWithoutTheConfiguration) {
+    (void)take();
+    EXPECT_GT(sweep("QOVAShareSnapCreateNoShareInfo", {}, false, Whose::parents,
+                    [this](char *szName, size_t cbName, QLIBCSZHASH **ppHash) {
+                        const testkit::FixedTime clock(++now_);
+                        return QOVAShareSnapCreateNoShareInfo(share, szName, cbName, ppHash);
+                    }),
+              40U);
+}
+
+// The first name is taken: the second attempt comes a second later.
+TEST_F(SnapCreateFaults, SecondAttemptAfterAConflict) {
+    (void)take();
+    const time_t taken = now_;
+    EXPECT_GT(sweep("ShareSnapCreateNameConflictRetry", {}, false, Whose::parents,
+                    [this, taken](char *szName, size_t cbName, QLIBCSZHASH **ppHash) {
+                        testkit::FixedTime clock(taken);
+                        const testkit::Replacement<unsigned int(unsigned int)> nap("sleep", [&](unsigned int) {
+                            clock.set(++now_); // a name that no run before has had
+                            return 0U;
+                        });
+                        return ShareSnapCreateNameConflictRetry(share, szName, cbName, ppHash, 1);
+                    }),
+              40U);
 }
 
 TEST_F(SnapCreateFaults, HiddenSnapshot) {

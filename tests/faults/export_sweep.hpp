@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -99,6 +100,17 @@ inline void checkOutcome(const Export &exported, const testkit::FaultPoint &poin
         EXPECT_NE(0U, point.code) << "the code of this failure isn't written down";
         EXPECT_EQ(point.code, QLIBCErrGet());
     }
+}
+
+// For functions with many calls: the codes that a failure can end in, by the function that fails; an empty set for any.
+using Codes = std::map<std::string, std::set<unsigned int>>;
+
+// The code that is written down, or that of the failed call.
+inline testing::AssertionResult isCodeOf(const Codes &codes, const testkit::FaultPoint &point, unsigned int code) {
+    const auto found = codes.find(plainName(point.symbol));
+    const bool right = found == codes.end() ? code != 0 && code == point.code
+                                            : found->second.empty() || found->second.count(code) == 1;
+    return (right ? testing::AssertionSuccess() : testing::AssertionFailure()) << "code 0x" << std::hex << code;
 }
 
 // Without what the function makes by design: lock files, and what the sweep names.
