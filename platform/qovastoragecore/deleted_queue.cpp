@@ -9,10 +9,8 @@
 #include "common/btrfs_tree.h"
 #include "common/failure.h"
 #include "common/path_walk.h"
-#include "subvolume_internal.h"
 
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/btrfs.h>
@@ -33,58 +31,74 @@ constexpr off_t CLEAN_WHEN_ADDED = 1024 * 1024;
 
 using IdSet = std::unordered_set<uint64_t>;
 
-/* Makes a directory unless it stands and opens it; one that another user can write to is refused, since the files in it
-   could be any user's then. */
-Descriptor OpenOwnDirectory(const Descriptor &parent, const char *szName, mode_t mode, bool blCreate, bool blPrivate) {
-    Descriptor directory = OpenBeneath(parent.Get(), szName, O_RDONLY | O_DIRECTORY);
+/* A subvolume and its id. Not open on failure, with errno; EINVAL for what is no subvolume: only Btrfs tells an id. */
+struct Subvolume {
+    Descriptor top;
+    uint64_t ullId = 0;
+
+    explicit Subvolume(const char *szPath) : top(OpenWithoutLinks(szPath, O_RDONLY | O_DIRECTORY)) {
+        struct stat status = {};
+        if (!top.IsOpen()) {
+            return;
+        }
+        if (fstat(top.Get(), &status) != 0) {
+            top.Close();
+        } else if (status.st_ino != BTRFS_FIRST_FREE_OBJECTID || BtrfsSubvolumeId(top.Get(), &ullId) != 0) {
+            errno = status.st_ino != BTRFS_FIRST_FREE_OBJECTID || errno == ENOTTY ? EINVAL : errno;
+            top.Close();
+        }
+    }
+};
+
+/* The queue's directory. Others may make files in the one above, but this one isn't for them: when another user can
+   write to it the files in it could be any user's. */
+Descriptor OpenQueueDirectory(bool blCreate) {
+    const Descriptor run = OpenWithoutLinks("/run", O_RDONLY | O_DIRECTORY);
+    if (!run.IsOpen()) {
+        return Descriptor();
+    }
+    Descriptor directory = OpenBeneath(run.Get(), "sharesnap/deleted", O_RDONLY | O_DIRECTORY);
     if (!directory.IsOpen() && errno == ENOENT && blCreate) {
-        if (mkdirat(parent.Get(), szName, mode) != 0 && errno != EEXIST) {
+        if (mkdirat(run.Get(), "sharesnap", 0755) != 0 && errno != EEXIST) {
             return Descriptor();
         }
-        directory = OpenBeneath(parent.Get(), szName, O_RDONLY | O_DIRECTORY);
+        const Descriptor shared = OpenBeneath(run.Get(), "sharesnap", O_RDONLY | O_DIRECTORY);
+        if (!shared.IsOpen() || (mkdirat(shared.Get(), "deleted", 0700) != 0 && errno != EEXIST)) {
+            return Descriptor();
+        }
+        directory = OpenBeneath(shared.Get(), "deleted", O_RDONLY | O_DIRECTORY);
     }
     struct stat status = {};
     if (!directory.IsOpen() || fstat(directory.Get(), &status) != 0) {
         return Descriptor();
     }
-    if (blPrivate && (status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
+    if (status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         errno = EPERM;
         return Descriptor();
     }
     return directory;
 }
 
-Descriptor OpenQueueDirectory(bool blCreate) {
-    const Descriptor run = OpenWithoutLinks("/run", O_RDONLY | O_DIRECTORY);
-    if (!run.IsOpen()) {
-        return Descriptor();
-    }
-    // Others may make files in /run/sharesnap; the queue's own directory isn't for them.
-    const Descriptor shared = OpenOwnDirectory(run, "sharesnap", 0755, blCreate, false);
-    return shared.IsOpen() ? OpenOwnDirectory(shared, "deleted", 0700, blCreate, true) : Descriptor();
-}
-
 /* The name of a share subvolume's file: "<file system's UUID>-<subvolume's id>". */
-int QueueName(int nSubvolume, std::string &szName) {
+int QueueName(const Subvolume &share, std::string &szName) {
+    static constexpr char szDigits[] = "0123456789abcdef";
     btrfs_ioctl_fs_info_args info = {};
-    uint64_t ullId = 0;
-    if (ioctl(nSubvolume, BTRFS_IOC_FS_INFO, &info) != 0 || BtrfsSubvolumeId(nSubvolume, &ullId) != 0) {
+    if (ioctl(share.top.Get(), BTRFS_IOC_FS_INFO, &info) != 0) {
         return -1;
     }
     szName.clear();
     for (const unsigned char uByte : info.fsid) {
-        char szHex[3];
-        (void)snprintf(szHex, sizeof(szHex), "%02x", uByte);
-        szName += szHex;
+        szName += szDigits[uByte >> 4];
+        szName += szDigits[uByte & 15];
     }
-    szName += "-" + std::to_string(ullId);
+    szName += "-" + std::to_string(share.ullId);
     return 0;
 }
 
-/* Opens the queue of a share subvolume; nFlags is for openat. */
-Descriptor OpenQueue(int nSubvolume, int nFlags) {
+/* Opens the queue of a share; nFlags is for openat. */
+Descriptor OpenQueue(const Subvolume &share, int nFlags) {
     std::string szName;
-    if (QueueName(nSubvolume, szName) != 0) {
+    if (QueueName(share, szName) != 0) {
         return Descriptor();
     }
     const Descriptor directory = OpenQueueDirectory((nFlags & O_CREAT) != 0);
@@ -177,17 +191,19 @@ void Clean(int nSubvolume, int nQueue) {
 }
 
 int Add(const char *szShareSubvol, const char *szSnapshot) {
-    const Descriptor share = OpenSubvolume(szShareSubvol);
-    const Descriptor snapshot = share.IsOpen() ? OpenSubvolume(szSnapshot) : Descriptor();
-    uint64_t ullId = 0;
-    if (!snapshot.IsOpen() || BtrfsSubvolumeId(snapshot.Get(), &ullId) != 0) {
+    const Subvolume share(szShareSubvol);
+    if (!share.top.IsOpen()) {
         return -1;
     }
-    const Descriptor queue = OpenQueue(share.Get(), O_RDWR | O_APPEND | O_CREAT);
+    const Subvolume snapshot(szSnapshot);
+    if (!snapshot.top.IsOpen()) {
+        return -1;
+    }
+    const Descriptor queue = OpenQueue(share, O_RDWR | O_APPEND | O_CREAT);
     if (!queue.IsOpen()) {
         return -1;
     }
-    const std::string szLine = Line(ullId, szSnapshot);
+    const std::string szLine = Line(snapshot.ullId, szSnapshot);
     struct stat status = {};
     // Shared among those who append; only a cleaning shuts them out, for a moment.
     if (flock(queue.Get(), LOCK_SH) != 0 || fstat(queue.Get(), &status) != 0 ||
@@ -196,25 +212,25 @@ int Add(const char *szShareSubvol, const char *szSnapshot) {
     }
     const off_t cbAfter = status.st_size + static_cast<off_t>(szLine.size());
     if (status.st_size / CLEAN_WHEN_ADDED != cbAfter / CLEAN_WHEN_ADDED) {
-        Clean(share.Get(), queue.Get());
+        Clean(share.top.Get(), queue.Get());
     }
     return 0;
 }
 
 int Get(const char *szShareSubvol, QLIBCSZHASH **ppHash) {
-    const Descriptor share = OpenSubvolume(szShareSubvol);
-    if (!share.IsOpen()) {
+    const Subvolume share(szShareSubvol);
+    if (!share.top.IsOpen()) {
         QOVA_FAIL_ERRNO();
         return -1;
     }
-    const Descriptor queue = OpenQueue(share.Get(), O_RDWR | O_APPEND);
+    const Descriptor queue = OpenQueue(share, O_RDWR | O_APPEND);
     if (!queue.IsOpen() && errno == ENOENT) {
         return 0;
     }
     std::string szText;
     IdSet cleaned;
     if (!queue.IsOpen() || flock(queue.Get(), LOCK_SH) != 0 || ReadAll(queue.Get(), szText) != 0 ||
-        IdsBeingCleaned(share.Get(), cleaned) != 0) {
+        IdsBeingCleaned(share.top.Get(), cleaned) != 0) {
         QOVA_FAIL_ERRNO();
         return -1;
     }
@@ -226,7 +242,7 @@ int Get(const char *szShareSubvol, QLIBCSZHASH **ppHash) {
         }
     });
     if (CLEAN_WHEN_READ < static_cast<off_t>(szText.size())) {
-        Clean(share.Get(), queue.Get());
+        Clean(share.top.Get(), queue.Get());
     }
     return nResult;
 }

@@ -35,18 +35,6 @@ int IsSubvolume(int nFd) {
     return fileSystem.f_type == BTRFS_SUPER_MAGIC ? 1 : 0;
 }
 
-Descriptor OpenSubvolume(const char *szPath) {
-    Descriptor subvolume = OpenWithoutLinks(szPath, O_RDONLY | O_DIRECTORY);
-    if (subvolume.IsOpen()) {
-        const int nKind = IsSubvolume(subvolume.Get());
-        if (nKind < 1) {
-            errno = nKind == 0 ? EINVAL : errno;
-            return Descriptor();
-        }
-    }
-    return subvolume;
-}
-
 } // namespace QovaPlatform
 
 namespace {
@@ -76,6 +64,20 @@ std::string TimeText(const btrfs_ioctl_timespec &time) {
         (void)strftime(szText, sizeof(szText), "%Y-%m-%dT%H:%M:%SZ", &parts);
     }
     return szText;
+}
+
+/* Opens a subvolume by its path, no component of which may be a symbolic link or "..". Not open on failure, with errno;
+   EINVAL for what is no subvolume. */
+Descriptor OpenSubvolume(const char *szPath) {
+    Descriptor subvolume = OpenWithoutLinks(szPath, O_RDONLY | O_DIRECTORY);
+    if (subvolume.IsOpen()) {
+        const int nKind = IsSubvolume(subvolume.Get());
+        if (nKind < 1) {
+            errno = nKind == 0 ? EINVAL : errno;
+            return Descriptor();
+        }
+    }
+    return subvolume;
 }
 
 int TakeSnapshot(const char *szSource, const char *szTarget, unsigned long long ullFlags) {

@@ -2,18 +2,12 @@
 #ifndef SHARESNAP_PLATFORM_SUBVOLUME_INTERNAL_H
 #define SHARESNAP_PLATFORM_SUBVOLUME_INTERNAL_H
 
-#include "common/descriptor.h"
-
 #include <string>
 
 namespace QovaPlatform {
 
 /* 1 a subvolume's top directory, 0 something else, -1 with errno. An O_PATH descriptor will do. */
 [[nodiscard]] int IsSubvolume(int nFd);
-
-/* Opens a subvolume by its path, no component of which may be a symbolic link or "..". Not open on failure, with errno;
-   EINVAL for what is no subvolume. */
-[[nodiscard]] Descriptor OpenSubvolume(const char *szPath);
 
 /* The hidden mark of the subvolume of that name in an open directory. It stands on the directory, since the subvolume
    itself is read-only. */
