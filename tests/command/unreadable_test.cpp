@@ -3,42 +3,18 @@
 
 #include <sharesnap/platform/subvolume.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <future>
-
 #include "support/lock_holder.hpp"
+#include "waiting.hpp"
 
 namespace {
 
 using namespace commandtest;
 using testing::HasSubstr;
 using testing::Not;
-
-// True when another process than that one has the file open.
-bool isOpenElsewhere(const std::string &path, pid_t but) {
-    struct stat wanted = {};
-    if (stat(path.c_str(), &wanted) != 0) {
-        return false;
-    }
-    for (const std::string &process : testkit::directoryNames("/proc")) {
-        if (process.find_first_not_of("0123456789") != std::string::npos || process == std::to_string(but)) {
-            continue;
-        }
-        const std::string directory = "/proc/" + process + "/fd";
-        for (const std::string &fd : testkit::directoryNames(directory)) {
-            struct stat status = {};
-            if (stat((directory + "/" + fd).c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
-                status.st_ino == wanted.st_ino) {
-                return true;
-            }
-        }
-    }
-    return false;
-}
 
 // A directory in the place of a file can't be read as one, by nobody.
 void putDirectory(const std::string &path) {
@@ -82,12 +58,11 @@ TEST_F(Unreadable, HoldersDontKeepADeleteFromBeingTold) {
     ASSERT_TRUE(ends(sharesnap({"hold", "add", "docs", held, "backup"}), done));
     ASSERT_THAT(sharesnap({"tree", "/vol1"}).output, HasSubstr(old));
 
-    const std::string lock = "/run/lock/sharesnap/sharesnap_meta_lock/docs.lock";
+    const std::string lock = listLock("docs");
     testkit::LockHolder holder(lock, testkit::LockHolder::exclusive);
     ASSERT_TRUE(holder.holds());
-    auto running = std::async(std::launch::async, [&] { return sharesnap({"delete", "docs", held, old}); });
-    while (!isOpenElsewhere(lock, holder.pid()) &&
-           running.wait_for(std::chrono::milliseconds(2)) == std::future_status::timeout) {}
+    Running running = begin({"delete", "docs", held, old});
+    ASSERT_TRUE(comesToWait(running, holder, lock));
     putDirectory("/run/sharesnap/sys_lock/docs.sharesnap_sys_lock");
     holder.release();
     const auto result = running.get();

@@ -6,6 +6,7 @@
 #include "text.h"
 #include "times.h"
 
+#include <sharesnap/platform/file_lock.h>
 #include <sharesnap/platform/file_operation.h>
 
 #include <algorithm>
@@ -51,6 +52,25 @@ public:
 
 private:
     SnapTree &tree_;
+};
+
+// The exclusive lock for a whole cycle. The tree takes it once more when it loads and gives that hold back when it saves,
+// which it also does in the middle of a load, when it converts a file of the old form: without this hold somebody else's
+// change could then get in between, and be lost.
+class CycleLock {
+public:
+    explicit CycleLock(const std::string &volume) : fd_(SnapTree().lockSnapTreeFile(volume, true)) {
+        if (fd_ < 0) {
+            throw Failure(exitFailed, "can't lock the snapshot tree of volume " + printable(volume),
+                          "when nobody works on it any more, `sharesnap sync --all` puts the tree right");
+        }
+    }
+    ~CycleLock() { (void)QLIBCFileUnlockByFile(fd_); } // ends with the process at the latest
+    CycleLock(const CycleLock &) = delete;
+    CycleLock &operator=(const CycleLock &) = delete;
+
+private:
+    int fd_;
 };
 
 void load(const std::string &volume, SnapTree &tree, bool exclusive) {
@@ -247,6 +267,7 @@ void renameShare(SnapTree &tree, const QOVASHARE &share, const Renaming &renamin
 
 void rewriteTree(const std::string &volume, const std::function<void(SnapTree &)> &rewrite) {
     makeTreeDirectories(volume);
+    const CycleLock lock(volume);
     SnapTree tree;
     const LockGuard guard(tree);
     load(volume, tree, true);
