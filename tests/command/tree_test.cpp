@@ -1,6 +1,8 @@
 // The command keeps the snapshot tree of a volume true, draws it, and answers from it.
 #include "command.hpp"
 
+#include <ctime>
+#include <map>
 #include <sharesnap/snaptree.hpp>
 #include <unistd.h>
 
@@ -18,6 +20,34 @@ protected:
         return result.output;
     }
 
+    // Each node's children name it as their parent, and each parent has them; no name leads nowhere.
+    static testing::AssertionResult linksAgree() {
+        std::map<std::string, nlohmann::json> nodes;
+        const nlohmann::json tree = document({"tree", "/vol1"});
+        for (const auto &node : tree["nodes"]) {
+            nodes[node["id"]] = node;
+        }
+        size_t children = 0;
+        for (const auto &[name, node] : nodes) {
+            for (const std::string child : node.value("children", nlohmann::json::array())) {
+                ++children;
+                if (nodes.count(child) == 0 || nodes[child]["parent"] != name) {
+                    return testing::AssertionFailure() << name << " and " << child << " disagree: " << tree.dump(2);
+                }
+            }
+        }
+        return children + 1 == nodes.size() ? testing::AssertionSuccess()
+                                            : testing::AssertionFailure() << "loose ends: " << tree.dump(2);
+    }
+
+    // A snapshot is somebody's heir only when it is older than the present second.
+    static void letASecondPass() {
+        const time_t begin = time(nullptr);
+        while (time(nullptr) == begin) {
+            (void)usleep(20000);
+        }
+    }
+
     // A snapshot some seconds after the ones before: names tell them apart by the second.
     static std::string taken(const std::string &share = "docs") { return take({}, share); }
 };
@@ -30,6 +60,7 @@ TEST_F(TreeVerb, FollowsASharesLife) {
     EXPECT_EQ("root\n  snap/docs/" + first + "\n    snap/docs/" + second + "\n      object/docs\n", drawn());
     ASSERT_TRUE(ends(sharesnap({"clone", "docs", "copy", "--snapshot", first}), done));
     EXPECT_NE(std::string::npos, drawn().find("\n    object/copy\n")) << drawn();
+    letASecondPass();
     ASSERT_TRUE(ends(sharesnap({"delete", "docs", first}), done));
     // What hung under the deleted snapshot hangs under its heir now.
     EXPECT_NE(std::string::npos, drawn().find("root\n  snap/docs/" + second + "\n    object/")) << drawn();
@@ -54,6 +85,56 @@ TEST_F(TreeVerb, RenameRebuildsTheNodes) {
     EXPECT_NE(std::string::npos, text.find("\n    object/papers\n")) << text;
     EXPECT_NE(std::string::npos, text.find("\n    object/copy\n")) << text;
     EXPECT_EQ(std::string::npos, text.find("docs")) << text;
+}
+
+TEST_F(TreeVerb, RenameBelowAClonePoint) {
+    ASSERT_TRUE(ends(sharesnap({"clone", "docs", "copy"}), done));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "papers"}), done));
+    const std::string text = drawn();
+    EXPECT_EQ(0U, text.find("root\n  clone/")) << text;
+    EXPECT_NE(std::string::npos, text.find("\n    object/papers\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("\n    object/copy\n")) << text;
+    EXPECT_EQ(4U, lines(text).size()) << text;
+    EXPECT_TRUE(linksAgree());
+}
+
+TEST_F(TreeVerb, RenameOfACloneStaysBelowItsOrigin) {
+    const std::string origin = taken();
+    ASSERT_TRUE(ends(sharesnap({"clone", "docs", "copy", "--snapshot", origin}), done));
+    const std::string own = taken("copy");
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "copy", "notes"}), done));
+    const std::string text = drawn();
+    EXPECT_NE(std::string::npos, text.find("\n    snap/notes/" + own + "\n      object/notes\n")) << text;
+    EXPECT_EQ(std::string::npos, text.find("copy")) << text;
+    EXPECT_TRUE(linksAgree());
+    // The origin's place goes to what descends from it, under the new name.
+    letASecondPass();
+    ASSERT_TRUE(ends(sharesnap({"delete", "docs", origin}), done));
+    EXPECT_EQ(0U, drawn().find("root\n  snap/notes/" + own + "\n    object/")) << drawn();
+    EXPECT_TRUE(linksAgree());
+}
+
+TEST_F(TreeVerb, RenameWithAnotherSharesSnapshotBelow) {
+    const std::string origin = taken();
+    ASSERT_TRUE(ends(sharesnap({"clone", "docs", "copy", "--snapshot", origin}), done));
+    const std::string own = taken("copy");
+    const std::string later = taken();
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "papers"}), done));
+    const std::string text = drawn();
+    EXPECT_EQ(0U, text.find("root\n  snap/papers/" + origin + "\n    snap/")) << text;
+    EXPECT_NE(std::string::npos, text.find("\n    snap/copy/" + own + "\n      object/copy\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("\n    snap/papers/" + later + "\n      object/papers\n")) << text;
+    EXPECT_EQ(std::string::npos, text.find("docs")) << text;
+    EXPECT_TRUE(linksAgree());
+    // A deletion follows the links of the renamed nodes.
+    letASecondPass();
+    ASSERT_TRUE(ends(sharesnap({"delete", "papers", origin}), done));
+    EXPECT_EQ(std::string::npos, drawn().find("snap/papers/" + origin)) << drawn();
+    EXPECT_NE(std::string::npos, drawn().find("snap/papers/" + later)) << drawn();
+    EXPECT_TRUE(linksAgree());
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "papers", "docs"}), done));
+    EXPECT_TRUE(linksAgree());
+    EXPECT_EQ(5U, lines(drawn()).size()) << drawn();
 }
 
 TEST_F(TreeVerb, RemovedShareLeavesTheTree) {
@@ -139,45 +220,6 @@ TEST_F(TreeVerb, RefusesWhatIsNoVolumeOrForm) {
     EXPECT_TRUE(ends(sharesnap({"tree", "vol1"}), usage));
     EXPECT_TRUE(ends(sharesnap({"tree", "/vol1", "--format", "svg"}), usage));
     EXPECT_TRUE(ends(sharesnap({"tree", "/vol1", "snap"}), usage));
-}
-
-class RestoreVerb : public CommandTest {};
-
-TEST_F(RestoreVerb, BringsTheFilesBackAndKeepsThePresent) {
-    ASSERT_TRUE(testkit::writeFile("/vol1/docs/letter", "first"));
-    const std::string snapshot = take();
-    ASSERT_TRUE(testkit::writeFile("/vol1/docs/letter", "second"));
-    ASSERT_TRUE(testkit::writeFile("/vol1/docs/new", "new"));
-    const nlohmann::json restored = document({"restore", "docs", snapshot});
-    EXPECT_EQ(snapshot, restored["restored"]);
-    const std::string kept = restored["kept"];
-    EXPECT_EQ("first", testkit::readFile("/vol1/docs/letter"));
-    EXPECT_FALSE(testkit::exists("/vol1/docs/new"));
-    EXPECT_EQ("second", testkit::readFile(snapshotPath(kept) + "/letter"));
-    EXPECT_EQ((std::vector<std::string>{snapshot, kept}), listed());
-    EXPECT_TRUE(testkit::writeFile("/vol1/docs/letter", "third")); // the share can be written
-    EXPECT_FALSE(testkit::exists("/vol1/@restore-docs"));
-    const auto tree = sharesnap({"tree", "/vol1"});
-    EXPECT_NE(std::string::npos, tree.output.find("  snap/docs/" + snapshot + "\n    ")) << tree.output;
-    EXPECT_NE(std::string::npos, tree.output.find("\n    object/docs\n")) << tree.output;
-}
-
-TEST_F(RestoreVerb, RefusesWhatIsNotThere) {
-    EXPECT_TRUE(ends(sharesnap({"restore", "docs", "absent"}), notFound));
-    EXPECT_TRUE(ends(sharesnap({"restore", "nope", "absent"}), notFound));
-    EXPECT_EQ(0U, listed().size());
-}
-
-class RestoreOnVolume : public testkit::VolumeTest {};
-
-TEST_F(RestoreOnVolume, RefusesToLoseANestedSubvolume) {
-    ASSERT_TRUE(ends(sharesnap({"share", "add", "docs", "/vol1/docs"}), done));
-    const auto created = sharesnap({"create", "docs"});
-    ASSERT_TRUE(ends(created, done));
-    ASSERT_EQ("", testkit::makeShare("inner", "/vol1/docs"));
-    const auto result = sharesnap({"restore", "docs", lines(created.output)[0]});
-    EXPECT_TRUE(ends(result, refused));
-    EXPECT_TRUE(says(result, {"docs/inner"}));
 }
 
 } // namespace
