@@ -87,21 +87,25 @@ constexpr size_t BUFFER_BYTES = 65536;
 
 } // namespace
 
-LineReader::LineReader(int fd, off_t begin) : m_fd(fd), m_buffer(BUFFER_BYTES), m_offset(begin) {}
+LineReader::LineReader(int fd, off_t begin)
+    : m_fd(fd), m_buffer(new char[BUFFER_BYTES]), m_cbBuffer(BUFFER_BYTES), m_offset(begin) {}
 
 // Reads on behind what the buffer holds. 1 something came, 0 the file is at its end, -1 failure.
 int LineReader::fill() {
     if (m_begin > 0) {
-        memmove(m_buffer.data(), m_buffer.data() + m_begin, m_end - m_begin);
+        memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
         m_offset += static_cast<off_t>(m_begin);
         m_end -= m_begin;
         m_begin = 0;
     }
-    if (m_end == m_buffer.size()) {
-        m_buffer.resize(m_buffer.size() * 2);
+    if (m_end == m_cbBuffer) {
+        std::unique_ptr<char[]> larger(new char[m_cbBuffer * 2]);
+        memcpy(larger.get(), m_buffer.get(), m_end);
+        m_buffer = std::move(larger);
+        m_cbBuffer *= 2;
     }
     const ssize_t nRead =
-        readAt(m_fd, m_buffer.data() + m_end, m_buffer.size() - m_end, m_offset + static_cast<off_t>(m_end));
+        readAt(m_fd, m_buffer.get() + m_end, m_cbBuffer - m_end, m_offset + static_cast<off_t>(m_end));
     if (nRead < 0) {
         QOVACORE_SET_CODE(SNAP_ERR_READ_FAILED);
         return -1;
@@ -111,7 +115,7 @@ int LineReader::fill() {
 }
 
 void LineReader::passOverBodies() {
-    const char *const pBuffer = m_buffer.data();
+    const char *const pBuffer = m_buffer.get();
     if (m_begin == m_end || pBuffer[m_begin] == '[') {
         return;
     }
@@ -132,7 +136,7 @@ void LineReader::passOverBodies() {
 int LineReader::next(Line &line) {
     size_t cbSearched = 0;
     for (;;) {
-        const char *pBegin = m_buffer.data() + m_begin;
+        const char *pBegin = m_buffer.get() + m_begin;
         const size_t cbHeld = m_end - m_begin;
         const auto *pEnd = static_cast<const char *>(memchr(pBegin + cbSearched, '\n', cbHeld - cbSearched));
         if (pEnd != nullptr || (m_blEnd && cbHeld > 0)) {
@@ -155,22 +159,29 @@ int LineReader::next(Line &line) {
     }
 }
 
-bool readRange(int fd, off_t begin, off_t end, std::string &text) {
-    text.resize(static_cast<size_t>(end - begin));
+ssize_t readBytes(int fd, off_t begin, char *pBuf, size_t cbBuf) {
     size_t cbHeld = 0;
-    while (cbHeld < text.size()) {
-        const ssize_t nRead =
-            readAt(fd, text.data() + cbHeld, text.size() - cbHeld, begin + static_cast<off_t>(cbHeld));
+    while (cbHeld < cbBuf) {
+        const ssize_t nRead = readAt(fd, pBuf + cbHeld, cbBuf - cbHeld, begin + static_cast<off_t>(cbHeld));
         if (nRead < 0) {
             QOVACORE_SET_CODE(SNAP_ERR_READ_FAILED);
-            return false;
+            return -1;
         }
         if (nRead == 0) {
             break;
         }
         cbHeld += static_cast<size_t>(nRead);
     }
-    text.resize(cbHeld);
+    return static_cast<ssize_t>(cbHeld);
+}
+
+bool readRange(int fd, off_t begin, off_t end, std::string &text) {
+    text.resize(static_cast<size_t>(end - begin));
+    const ssize_t nRead = readBytes(fd, begin, text.data(), text.size());
+    if (nRead < 0) {
+        return false;
+    }
+    text.resize(static_cast<size_t>(nRead));
     return true;
 }
 

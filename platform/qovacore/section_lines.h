@@ -3,11 +3,11 @@
 #define QOVACORE_SECTION_LINES_H
 
 #include "support.h"
+#include <memory>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
-#include <vector>
 
 namespace qovacore {
 
@@ -47,7 +47,8 @@ private:
     [[nodiscard]] int fill();
 
     int m_fd;
-    std::vector<char> m_buffer;
+    std::unique_ptr<char[]> m_buffer; // not filled with anything: most files are small
+    size_t m_cbBuffer;
     size_t m_begin = 0; // what isn't taken yet
     size_t m_end = 0;
     off_t m_offset; // of the buffer in the file
@@ -107,6 +108,8 @@ void forEachLine(std::string_view text, Function onLine) {
     }
 }
 
+// Reads from a place of a file. The bytes that came, fewer than asked for where the file ends; -1 with 0x0A00.
+[[nodiscard]] ssize_t readBytes(int fd, off_t begin, char *pBuf, size_t cbBuf);
 // Reads a range of a file. A file that ends before gives what there is. False with 0x0A00.
 [[nodiscard]] bool readRange(int fd, off_t begin, off_t end, std::string &text);
 

@@ -8,13 +8,14 @@
 #include <fcntl.h>
 #include <sharesnap/platform/section_file.h>
 #include <sys/random.h>
+#include <vector>
 
 using namespace qovacore;
 
 namespace {
 
 constexpr size_t LONGEST_NAME = 1023; // what the readers of section names have room for
-constexpr size_t BUFFER_BYTES = 262144;
+constexpr size_t BUFFER_BYTES = 65536;
 
 // The new file: written through a buffer, renamed over the old one by commit, gone without it.
 class NewFile {
@@ -53,13 +54,14 @@ public:
             return true;
         }
         m_lastByte = text.back();
-        if (m_buffer.size() + text.size() > BUFFER_BYTES && !flush()) {
+        if (m_cbBuffered + text.size() > BUFFER_BYTES && !flush()) {
             return false;
         }
         if (text.size() >= BUFFER_BYTES) {
             return writeOut(text);
         }
-        m_buffer.append(text);
+        memcpy(m_buffer.get() + m_cbBuffered, text.data(), text.size());
+        m_cbBuffered += text.size();
         return true;
     }
 
@@ -67,22 +69,25 @@ public:
     [[nodiscard]] bool writeLine(std::string_view line) { return endLine() && write(line) && write("\n"); }
     [[nodiscard]] bool endLine() { return m_lastByte == '\n' || write("\n"); }
 
-    // The bytes of the old file between two offsets.
+    // The bytes of the old file between two offsets. They are read into the buffer itself: a list of snapshots is copied
+    // twice for each one that is taken.
     [[nodiscard]] bool copy(int fdOld, off_t begin, off_t end) {
-        std::string part;
         while (begin < end) {
-            const off_t next = std::min<off_t>(end, begin + static_cast<off_t>(BUFFER_BYTES));
-            if (!readRange(fdOld, begin, next, part)) {
+            if (m_cbBuffered == BUFFER_BYTES && !flush()) {
                 return false;
             }
-            if (static_cast<off_t>(part.size()) != next - begin) {
+            const auto cbPart = std::min(static_cast<size_t>(end - begin), BUFFER_BYTES - m_cbBuffered);
+            const ssize_t nRead = readBytes(fdOld, begin, m_buffer.get() + m_cbBuffered, cbPart);
+            if (nRead < 0) {
+                return false;
+            }
+            if (static_cast<size_t>(nRead) != cbPart) {
                 QOVACORE_SET_CODE_ERRNO(SNAP_ERR_READ_FAILED, EIO); // somebody cut the file short
                 return false;
             }
-            if (!write(part)) {
-                return false;
-            }
-            begin = next;
+            m_cbBuffered += cbPart;
+            m_lastByte = m_buffer[m_cbBuffered - 1];
+            begin += static_cast<off_t>(cbPart);
         }
         return true;
     }
@@ -116,8 +121,8 @@ public:
 
 private:
     [[nodiscard]] bool flush() {
-        const bool blDone = writeOut(m_buffer);
-        m_buffer.clear();
+        const bool blDone = writeOut({m_buffer.get(), m_cbBuffered});
+        m_cbBuffered = 0;
         return blDone;
     }
 
@@ -145,7 +150,8 @@ private:
     UniqueFd m_fd;
     int m_fdDirectory = -1; // not owned; -1: no file of ours has the name
     std::string m_name;
-    std::string m_buffer;
+    std::unique_ptr<char[]> m_buffer{new char[BUFFER_BYTES]};
+    size_t m_cbBuffered = 0;
     char m_lastByte = '\n';
 };
 
