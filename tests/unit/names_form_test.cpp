@@ -4,8 +4,10 @@
 
 #include <sharesnap/frame.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <limits>
 
 namespace {
@@ -82,6 +84,29 @@ TEST_F(NameForm, AcceptsAnyTrailingTextInTheUtcFormAlone) {
     EXPECT_EQ(instant, timeOf("GMT-2026.01.02-03.04.05.bak"));
     EXPECT_EQ(-1, timeOf("GMT+08-2026.01.02-11.04.05.bak"));
     EXPECT_EQ(-1, timeOf("GMT+0530-2026.01.02-08.34.05.bak"));
+}
+
+TEST_F(NameForm, UtcNamesTellWhatStrptimeAndTimegmSayOfThem) {
+    const auto expected = [](const std::string &text) {
+        tm parts = {};
+        return strptime(text.c_str(), "GMT-%Y.%m.%d-%H.%M.%S", &parts) != nullptr ? timegm(&parts) : -1;
+    };
+    // Every day of every month, days that the month hasn't got among them, in years of all kinds.
+    for (const int year : {1, 1900, 1969, 1970, 1972, 1999, 2000, 2001, 2004, 2026, 2100, 2400, 9999}) {
+        for (int month = 0; month <= 13; ++month) {
+            for (int day = 0; day <= 32; ++day) {
+                char text[64];
+                std::snprintf(text, sizeof(text), "GMT-%04d.%02d.%02d-%02d.59.%02d", year, month, day, day % 25,
+                              day + 29);
+                EXPECT_EQ(expected(text), timeOf(text)) << text;
+            }
+        }
+    }
+    for (const char *text : {"GMT-2026.01.02-24.00.00", "GMT-2026.01.02-23.60.00", "GMT-2026.01.02-23.59.60",
+                             "GMT-2026.01.02-23.59.61", "GMT-2026.01.02-23.59.62", "GMT-2026.1.2-3.4.5",
+                             "GMT- 2026.01.02-03.04.05", "GMT-2026.01.02-03.04.", "GMT-2026.01.02-03.04.5x"}) {
+        EXPECT_EQ(expected(text), timeOf(text)) << text;
+    }
 }
 
 TEST_F(NameForm, OfALocalNameTheLengthCountsAndNotItsDigits) {
