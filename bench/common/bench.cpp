@@ -79,6 +79,9 @@ std::vector<double> race(const std::string &title, const std::vector<Contender> 
     for (int round = 0; round <= rounds; ++round) {
         for (size_t turn = 0; turn < contenders.size(); ++turn) {
             const size_t who = (turn + static_cast<size_t>(round)) % contenders.size();
+            if (contenders[who].once && round != 1) {
+                continue;
+            }
             const double seconds = contenders[who].measure();
             if (round > 0) {
                 times[who].push_back(seconds);

@@ -16,10 +16,12 @@ void must(bool done, const std::string &what);
 // Seconds of a clock that only goes forward.
 [[nodiscard]] double now();
 
-// One thing that is measured. `measure` gives the seconds of what counts; `before` and `after` aren't measured.
+// One thing that is measured. `measure` gives the seconds of what counts, whatever else it does around that. What takes
+// very long runs in one round alone, and doesn't warm up.
 struct Contender {
     std::string name;
     std::function<double()> measure;
+    bool once = false;
 };
 
 // Seconds that a function takes.
