@@ -39,6 +39,37 @@ protected:
         return QOVAShareSnapSysLockDecrement(&share_, snap, who);
     }
 
+    using Operation = std::function<int()>;
+
+    // Each of the exported functions, with docs and the initiator backup.
+    std::map<std::string, Operation> operations() {
+        return {{"Increment", [this] { return increment("backup"); }},
+                {"Decrement", [this] { return decrement("backup"); }},
+                {"Remove", [this] { return QOVAShareSnapSysLockRemove(&share_, kSnap, "backup"); }},
+                {"Get",
+                 [this] {
+                     uint32_t count = 0;
+                     return QOVAShareSnapSysLockGet(&share_, kSnap, "backup", &count);
+                 }},
+                {"InitiatorList",
+                 [this] {
+                     QLIBCSZLIST *list = QLIBCSzListAlloc(512);
+                     const int result = QOVAShareSnapSysLockInitiatorList(&share_, kSnap, &list);
+                     QLIBCSzListFree(list);
+                     return result;
+                 }},
+                {"RenameHook", [] { return ShareSnapSysLockShareRenameHook("docs", "papers"); }},
+                {"DeleteHook", [] { return ShareSnapSysLockShareDeleteHook("docs"); }}};
+    }
+
+    // The operation gives -1 and leaves the code; the log then holds its own lines alone.
+    static void fails(const Operation &operation, unsigned int code) {
+        testkit::logClear();
+        QLIBCErrSetEx(0, "", 0);
+        EXPECT_EQ(-1, operation());
+        EXPECT_EQ(code, QLIBCErrGet());
+    }
+
     // The count of an initiator, -1 for a failure.
     long claims(const char *who, const char *snap = kSnap) {
         uint32_t count = 77;
@@ -128,27 +159,70 @@ TEST_F(SystemLock, ListAppendsToWhatTheCallerHas) {
 TEST_F(SystemLock, FileInTheDirectorysPlaceFailsEveryOperation) {
     ASSERT_TRUE(testkit::makeDirectories("/run/sharesnap"));
     ASSERT_TRUE(testkit::writeFile("/run/sharesnap/sys_lock", "x"));
-    QLIBCSZLIST *list = QLIBCSzListAlloc(512);
-    uint32_t count = 0;
-    const std::map<std::string, std::function<int()>> operations = {
-        {"increment", [&] { return increment("a"); }},
-        {"decrement", [&] { return decrement("a"); }},
-        {"remove", [&] { return QOVAShareSnapSysLockRemove(&share_, kSnap, "a"); }},
-        {"get", [&] { return QOVAShareSnapSysLockGet(&share_, kSnap, "a", &count); }},
-        {"list", [&] { return QOVAShareSnapSysLockInitiatorList(&share_, kSnap, &list); }},
-        {"rename", [] { return ShareSnapSysLockShareRenameHook("docs", "papers"); }},
-        {"delete", [] { return ShareSnapSysLockShareDeleteHook("docs"); }}};
-    for (const auto &operation : operations) {
-        SCOPED_TRACE(operation.first);
-        QLIBCErrSetEx(0, "", 0);
-        testkit::logClear();
-        EXPECT_EQ(-1, operation.second());
-        EXPECT_EQ(unsigned{SNAP_ERR_NOT_A_DIRECTORY}, QLIBCErrGet());
-        const bool isHook = operation.first == "rename" || operation.first == "delete";
+    for (const auto &one : operations()) {
+        SCOPED_TRACE(one.first);
+        fails(one.second, SNAP_ERR_NOT_A_DIRECTORY);
+        const bool isHook = one.first.find("Hook") != std::string::npos;
         EXPECT_EQ(isHook ? 1U : 0U,
                   testkit::logCount(LOG_ERR, "Failed to get snapshot lock file for share(docs) [0xA000 "));
     }
-    QLIBCSzListFree(list);
+}
+
+TEST_F(SystemLock, FileInTheLockDirectorysPlaceFailsEveryOperationThatLocks) {
+    ASSERT_TRUE(testkit::makeDirectories("/run/lock/sharesnap"));
+    ASSERT_TRUE(testkit::writeFile("/run/lock/sharesnap/sys_lock", "x"));
+    for (const auto &one : operations()) {
+        SCOPED_TRACE(one.first);
+        if (one.first.find("Hook") == std::string::npos) {
+            fails(one.second, SNAP_ERR_NOT_A_DIRECTORY);
+        } else {
+            EXPECT_EQ(0, one.second()); // the hooks take no lock
+        }
+    }
+}
+
+TEST_F(SystemLock, CountThatCannotBeReadIsReportedByItsLines) {
+    const std::string about = std::string("share(docs) snap(") + kSnap + ") key(backup)[0x0900 fault:1]";
+    const std::string section = std::string("Failed to get section(") + kSnap + ") key(backup) for file(" + kData;
+    ASSERT_EQ(1, increment("backup"));
+    for (const char *name : {"Increment", "Decrement", "Get"}) {
+        SCOPED_TRACE(name);
+        const testkit::Fault fault("QLIBCFileGetSectionValue");
+        fails(operations().at(name), 0x0900);
+        EXPECT_TRUE(testkit::logged(LOG_ERR, section + ")[0x0900 fault:1]"));
+        EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to get sys lock for " + about));
+    }
+    EXPECT_EQ(1, claims("backup"));
+    const testkit::Fault fault("QLIBCFileGetSection");
+    fails(operations().at("InitiatorList"), 0x0900);
+    EXPECT_TRUE(testkit::logged(LOG_ERR, std::string("Failed to get section(") + kSnap + ") for file(" + kData +
+                                             ")[0x0900 fault:1]"));
+}
+
+TEST_F(SystemLock, CountThatCannotBeWrittenIsReportedByItsLines) {
+    const std::string set =
+        std::string("Failed to set sys lock for share(docs) snap(") + kSnap + ") key(backup)[0x0B00 ";
+    const std::string pair = std::string(" key-value to share(docs) snapshot(") + kSnap + ") section [0x0B00 fault:1]";
+    const auto failsWith = [&](const char *name, const char *symbol, const std::string &line) {
+        SCOPED_TRACE(std::string(name) + ", " + symbol);
+        const testkit::Fault fault(symbol);
+        fails(operations().at(name), 0x0B00);
+        EXPECT_TRUE(testkit::logged(LOG_ERR, set));
+        EXPECT_EQ(line.empty() ? 0U : 1U, testkit::logCount(LOG_ERR, pair));
+        EXPECT_TRUE(testkit::logged(LOG_ERR, line));
+    };
+    failsWith("Increment", "QLIBCFileAddSection", "Failed to add" + pair);
+    EXPECT_EQ(0, claims("backup"));
+    ASSERT_EQ(1, increment("backup"));
+    for (const char *name : {"Decrement", "Remove"}) {
+        failsWith(name, "QLIBCFileRemoveSection", "");
+        EXPECT_EQ(1, claims("backup"));
+    }
+    ASSERT_EQ(1, increment("other"));
+    for (const char *name : {"Increment", "Decrement", "Remove"}) {
+        failsWith(name, "QLIBCFileSetSection", "Failed to set" + pair);
+        EXPECT_EQ(1, claims("backup"));
+    }
 }
 
 TEST_F(SystemLock, RenameCarriesTheClaims) {
