@@ -1,5 +1,6 @@
-// The command that renames a share is killed at every system call. Afterwards the rename can be finished or undone, and
-// all that the share has stands under one name; where no note of the rename stands, that is so already.
+// The command that renames a share is killed at every system call, and so is the one that finishes or undoes a rename.
+// Afterwards the rename can be finished or undone, and all that the share has stands under one name; where no note of
+// the rename stands, that is so already.
 #include <sharesnap/config.h>
 #include <sharesnap/counters.h>
 #include <sharesnap/platform/szlist.h>
@@ -33,21 +34,17 @@ void becomeCommand(const Arguments &arguments) {
     _exit(97);
 }
 
+bool takesEveryCall() {
+    return std::getenv("SHARESNAP_CRASH_ALL") != nullptr;
+}
+
 // How many calls a run makes that does nothing: those of the start.
 size_t callsOfTheStart() {
-    const auto reaches = [](size_t nth) { return testkit::killAtCall(nth, [] { becomeCommand({"--version"}); }); };
-    size_t reached = 1;
-    size_t beyond = 2;
-    while (reaches(beyond)) {
-        reached = beyond;
-        beyond *= 2;
-    }
-    while (beyond - reached > 1) {
-        const size_t middle = (reached + beyond) / 2;
-        (reaches(middle) ? reached : beyond) = middle;
-    }
-    return reached;
+    return testkit::countCalls([] { becomeCommand({"--version"}); });
 }
+
+// What the administrator does about an interrupted rename.
+enum class Way { finish, undo, inTurn };
 
 class RenameCrash : public CommandTest {
 protected:
@@ -96,9 +93,9 @@ protected:
         EXPECT_EQ(std::string::npos, tree.output.find("object/" + other)) << tree.output;
     }
 
-    // What the administrator does: finish, or at every second point undo. The name that the share then has.
-    std::string settle(const std::string &from, const std::string &to) {
-        const bool undo = ++points_ % 2 == 0;
+    // The name that the share then has.
+    std::string settle(const std::string &from, const std::string &to, Way way) {
+        const bool undo = way == Way::inTurn ? ++points_ % 2 == 0 : way == Way::undo;
         const auto result = sharesnap({"share", "rename", from, undo ? "--undo" : "--finish"});
         if (result.exitStatus == notFound) {
             ++untouched_;
@@ -109,6 +106,63 @@ protected:
         return undo ? from : to;
     }
 
+    static std::string other(const std::string &name) { return name == "docs" ? "papers" : "docs"; }
+
+    void sweepRename(Way way) {
+        finished_ = undone_ = untouched_ = 0;
+        testkit::CrashSweep sweep;
+        sweep.first = callsOfTheStart();
+        // An odd step, so that finishing and undoing meet calls of every kind.
+        sweep.step = takesEveryCall() ? 1 : 3;
+        sweep.prepare = [] {};
+        sweep.operation = [&] { becomeCommand({"share", "rename", now_, other(now_)}); };
+        sweep.check = [&](size_t) {
+            now_ = settle(now_, other(now_), way);
+            expectAllUnder(now_, other(now_));
+        };
+        EXPECT_LT(30U, sweep.run());
+        std::printf("[  RENAME  ] from call %zu on: %zu finished, %zu undone, %zu with nothing to settle\n",
+                    sweep.first, finished_, undone_, untouched_);
+        EXPECT_EQ(way != Way::undo, finished_ > 0);
+        EXPECT_EQ(way != Way::finish, undone_ > 0);
+        // The last run came to its end.
+        now_ = other(now_);
+        if (!HasFailure()) {
+            expectAllUnder(now_, other(now_));
+        }
+    }
+
+    // Somewhere in its midst.
+    void interruptRename() {
+        ASSERT_TRUE(testkit::killAtCall(middle_, [&] { becomeCommand({"share", "rename", now_, other(now_)}); }));
+        ASSERT_TRUE(testkit::exists("/etc/sharesnap/renames/" + now_));
+    }
+
+    // Kills the command that finishes or undoes at its calls; then that one or the other way ends what is left.
+    void sweepSettling(const std::string &option) {
+        finished_ = undone_ = untouched_ = 0;
+        testkit::CrashSweep sweep;
+        sweep.first = callsOfTheStart();
+        sweep.step = takesEveryCall() ? 1 : 5;
+        sweep.prepare = [&] { interruptRename(); };
+        sweep.operation = [&] { becomeCommand({"share", "rename", now_, option}); };
+        sweep.check = [&](size_t) {
+            now_ = settle(now_, other(now_), Way::inTurn);
+            expectAllUnder(now_, other(now_));
+        };
+        EXPECT_LT(5U, sweep.run());
+        std::printf("[  RENAME  ] killed %s: %zu finished, %zu undone, %zu with nothing to settle\n", option.c_str(),
+                    finished_, undone_, untouched_);
+        EXPECT_LT(0U, finished_);
+        EXPECT_LT(0U, undone_);
+        now_ = option == "--finish" ? other(now_) : now_; // the last run came to its end
+        if (!HasFailure()) {
+            expectAllUnder(now_, other(now_));
+        }
+    }
+
+    std::string now_ = "docs"; // the share's name
+    size_t middle_ = 0;        // a call of the rename's
     std::string snapshot_;
     size_t points_ = 0;
     size_t finished_ = 0;
@@ -117,27 +171,25 @@ protected:
 };
 
 TEST_F(RenameCrash, IsFinishedOrUndoneFromEveryPoint) {
-    std::string now = "docs";
-    const auto other = [&] { return std::string(now == "docs" ? "papers" : "docs"); };
-    testkit::CrashSweep sweep;
-    sweep.first = callsOfTheStart();
-    // An odd step, so that finishing and undoing meet calls of every kind.
-    sweep.step = std::getenv("SHARESNAP_CRASH_ALL") != nullptr ? 1 : 3;
-    sweep.prepare = [] {};
-    sweep.operation = [&] { becomeCommand({"share", "rename", now, other()}); };
-    sweep.check = [&](size_t) {
-        const std::string name = settle(now, other());
-        expectAllUnder(name, name == "docs" ? "papers" : "docs");
-        now = name;
-    };
-    EXPECT_LT(30U, sweep.run());
-    std::printf("[  RENAME  ] from call %zu on: %zu finished, %zu undone, %zu with nothing to settle\n", sweep.first,
-                finished_, undone_, untouched_);
-    EXPECT_LT(0U, finished_);
-    EXPECT_LT(0U, undone_);
-    // The last run came to its end.
+    if (!takesEveryCall()) {
+        sweepRename(Way::inTurn);
+        return;
+    }
+    sweepRename(Way::finish);
     if (!HasFailure()) {
-        expectAllUnder(other(), now);
+        sweepRename(Way::undo);
+    }
+}
+
+// Who finishes or undoes can be killed like who began.
+TEST_F(RenameCrash, InterruptedFinishOrUndoIsEndedEitherWay) {
+    const size_t calls = testkit::countCalls([] { becomeCommand({"share", "rename", "docs", "papers"}); });
+    now_ = "papers";
+    middle_ = (callsOfTheStart() + calls) / 2;
+    for (const char *option : {"--finish", "--undo"}) {
+        SCOPED_TRACE(option);
+        ASSERT_NO_FATAL_FAILURE(sweepSettling(option));
+        ASSERT_FALSE(HasFailure());
     }
 }
 

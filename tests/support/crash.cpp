@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
@@ -49,20 +50,20 @@ void killTraced(pid_t child) {
     } while (WIFSTOPPED(status));
 }
 
-// Lets the child run to the entry of its nth call. False when it ended before.
-bool runTo(pid_t child, size_t nth) {
+// Lets the child run to the entry of its nth call, or to its end; gives how many calls it has entered.
+size_t runTo(pid_t child, size_t nth) {
     size_t entered = 0;
     bool inside = false;
     int signal = 0;
     for (;;) {
         if (ptrace(PTRACE_SYSCALL, child, nullptr, reinterpret_cast<void *>(static_cast<long>(signal))) != 0) {
-            return false;
+            return entered;
         }
         const int status = waitFor(child);
         signal = 0;
         if (!WIFSTOPPED(status)) {
             EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the operation ended by itself: " << status;
-            return false;
+            return entered;
         }
         if (WSTOPSIG(status) != systemCallStop) {
             signal = WSTOPSIG(status) == SIGTRAP ? 0 : WSTOPSIG(status);
@@ -70,32 +71,41 @@ bool runTo(pid_t child, size_t nth) {
         }
         inside = !inside;
         if (inside && ++entered == nth) {
-            return true;
+            return entered;
         }
     }
 }
 
-} // namespace
-
-bool killAtCall(size_t nth, const std::function<void()> &operation) {
+// The calls that the operation made until its nth one, where it is killed, or until its end.
+size_t runAndKill(size_t nth, const std::function<void()> &operation) {
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t child = startTraced(operation);
     if (child < 0) {
         ADD_FAILURE() << "no child to kill";
-        return false;
+        return 0;
     }
     (void)waitFor(child);
     if (ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) != 0) {
         ADD_FAILURE() << "can't trace a child";
         killTraced(child);
-        return false;
+        return 0;
     }
-    const bool reached = runTo(child, nth);
-    if (reached) {
+    const size_t entered = runTo(child, nth);
+    if (entered == nth) {
         killTraced(child);
     }
     reapOrphans();
-    return reached;
+    return entered;
+}
+
+} // namespace
+
+bool killAtCall(size_t nth, const std::function<void()> &operation) {
+    return runAndKill(nth, operation) == nth;
+}
+
+size_t countCalls(const std::function<void()> &operation) {
+    return runAndKill(SIZE_MAX, operation);
 }
 
 size_t CrashSweep::run() const {

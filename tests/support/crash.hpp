@@ -19,6 +19,9 @@ namespace testkit {
 // Runs the operation in a traced child and kills it at its nth system call. False when it came to its end before.
 [[nodiscard]] bool killAtCall(size_t nth, const std::function<void()> &operation);
 
+// Lets the operation come to its end in a traced child; how many system calls it made.
+[[nodiscard]] size_t countCalls(const std::function<void()> &operation);
+
 class CrashSweep {
 public:
     std::function<void()> prepare;

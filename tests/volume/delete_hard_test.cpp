@@ -101,20 +101,39 @@ TEST_F(HardDelete, CounterThatWouldFallBelowZeroEndsThere) {
 
 class FullDelete : public HardDelete {
 protected:
-    // Until neither a block of data nor another small file has room.
-    static void fill() {
-        ASSERT_EQ(0, mkdir("/vol1/small", 0700));
-        const int file = open("/vol1/ballast", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    // Until no block of data has room.
+    static void fillWithData() {
+        const int file = open("/vol1/ballast", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         ASSERT_GE(file, 0);
         const std::vector<char> block(1 << 20, 'x');
         size_t piece = block.size();
         for (size_t written = 0; piece >= 4096 && written < (size_t(1) << 30);) {
             const ssize_t done = write(file, block.data(), piece);
             written += done > 0 ? size_t(done) : 0;
-            piece = done > 0 ? piece : piece / 2;
+            piece = done > 0 ? piece : piece / 16;
         }
         (void)fsync(file); // a full volume may say so here, too
         ASSERT_EQ(0, close(file));
+    }
+
+    // No block of data has room, but names, attributes and other small things have: they live in chunks of their own,
+    // and many small files make the file system set aside another of these, far larger than what they need.
+    static void fillButForNames() {
+        ASSERT_EQ(0, mkdir("/vol1/cushion", 0700));
+        for (int i = 0; i < 6000; ++i) {
+            ASSERT_TRUE(testkit::writeFile("/vol1/cushion/" + std::to_string(i), std::string(1500, 'y')));
+        }
+        syncVolume();
+        for (int round = 0; round < 2; ++round) { // what the first lets go of is filled, too
+            ASSERT_NO_FATAL_FAILURE(fillWithData());
+            syncVolume();
+        }
+    }
+
+    // Until neither a block of data nor another small file has room.
+    static void fill() {
+        ASSERT_EQ(0, mkdir("/vol1/small", 0700));
+        ASSERT_NO_FATAL_FAILURE(fillWithData());
         for (int i = 0; i < 100000 && testkit::writeFile("/vol1/small/" + std::to_string(i), std::string(1500, 'y'));
              ++i) {}
         syncVolume();
@@ -175,6 +194,48 @@ TEST_F(FullDelete, IsDoneOrToldAndOneSyncMakesItTrue) {
     Names rest = standing();
     EXPECT_EQ(0, remove(rest)) << testkit::logText();
     EXPECT_EQ(Names{}, standing());
+}
+
+// The new metadata have no room, so the old ones stay, and name what is gone: that is told as a full volume.
+TEST_F(FullDelete, NewMetadataWithoutRoomLeaveTheOldOnesUntilASync) {
+    const Names names = takeSome(4);
+    // Another section makes the file longer than what the deletion itself gives back.
+    const std::string others = "[GMT-1999.01.01-00.00.00]\nhide=true\ndesc=" + std::string(2 << 20, 'd') + "\n";
+    ASSERT_TRUE(testkit::writeFile(metaPath(), meta() + others));
+    const std::string before = meta();
+    ASSERT_NO_FATAL_FAILURE(fillButForNames());
+    setCode(0);
+    EXPECT_EQ(-1, remove({names[1], names[2]})) << testkit::logText();
+    EXPECT_EQ(static_cast<unsigned int>(SNAP_ERR_NO_SPACE), QLIBCErrGet());
+    EXPECT_EQ((Codes{SURVIVED, SURVIVED}), codes);
+    EXPECT_EQ((Names{names[0], names[3]}), standing());
+    EXPECT_TRUE(before == meta());
+    EXPECT_EQ(2, storedCount());
+    for (const std::string &left : testkit::directoryNames("/vol1/@sharesnap")) {
+        EXPECT_NE(0U, left.rfind("@docs.meta.", 0)) << left;
+    }
+    ASSERT_NO_FATAL_FAILURE(empty());
+    ASSERT_EQ(0, QOVAShareSnapMetaSync(share)) << testkit::logText();
+    expectAgreement();
+    EXPECT_EQ((Names{names[0], names[3]}), standing());
+}
+
+// An empty list takes no block, so the way out of a full volume is open: all snapshots can go.
+TEST_F(FullDelete, AllSnapshotsCanGoFromAVolumeWithoutABlock) {
+    const Names names = takeSome(3);
+    ASSERT_NO_FATAL_FAILURE(fillButForNames());
+    const int file = open("/vol1/probe", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(file, 0);
+    const std::vector<char> block(4096, 'x');
+    EXPECT_EQ(-1, write(file, block.data(), block.size()));
+    EXPECT_EQ(ENOSPC, errno);
+    ASSERT_EQ(0, close(file));
+    EXPECT_EQ(0, remove(names)) << testkit::logText();
+    EXPECT_EQ((Codes{GONE, GONE, GONE}), codes);
+    EXPECT_EQ(Names{}, standing());
+    EXPECT_EQ("", meta());
+    EXPECT_EQ(0, storedCount());
+    ASSERT_NO_FATAL_FAILURE(empty());
 }
 
 // 33 MiB of sections, long and short, with comments: what is deleted goes, every other byte stays.
