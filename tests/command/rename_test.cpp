@@ -124,42 +124,4 @@ TEST_F(RemoveWithData, TakesEverything) {
     EXPECT_EQ("root\n", sharesnap({"tree", "/vol1"}).output);
 }
 
-// A locked encrypted share: its subvolume is the back end, its path an empty mount point.
-class EncryptedShare : public testkit::VolumeTest {
-protected:
-    void SetUp() override {
-        VolumeTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        ASSERT_EQ("", testkit::makeShare("@docs@"));
-        ASSERT_EQ(0, QOVAShareRecordRemove("@docs@"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/docs"));
-        ASSERT_EQ("", testkit::addShare("docs", "/vol1/docs", QOVA_SHARE_STATUS_ENCRYPTED));
-        ASSERT_TRUE(testkit::writeFile("/vol1/@docs@/cipher", "first"));
-        const auto created = sharesnap({"create", "docs"});
-        ASSERT_TRUE(ends(created, done));
-        snapshot_ = lines(created.output).at(0);
-    }
-
-    std::string snapshot_;
-};
-
-TEST_F(EncryptedShare, GoesWithItsBackEnd) {
-    ASSERT_TRUE(testkit::isDirectory("/vol1/@sharesnap/@docs@/" + snapshot_));
-    ASSERT_EQ(0, sharesnap({"share", "remove", "docs", "--data", "--yes"}).exitStatus);
-    EXPECT_FALSE(testkit::exists("/vol1/docs"));
-    EXPECT_FALSE(testkit::exists("/vol1/@docs@"));
-    EXPECT_FALSE(testkit::exists("/vol1/@sharesnap/@docs@"));
-    EXPECT_FALSE(testkit::exists("/vol1/@sharesnap/@docs@.meta"));
-    EXPECT_EQ(nullptr, testkit::getShare("docs"));
-}
-
-TEST_F(EncryptedShare, IsRestoredInItsBackEnd) {
-    ASSERT_TRUE(testkit::writeFile("/vol1/@docs@/cipher", "second"));
-    ASSERT_TRUE(ends(sharesnap({"restore", "docs", snapshot_}), done));
-    EXPECT_EQ("first", testkit::readFile("/vol1/@docs@/cipher"));
-    EXPECT_TRUE(testkit::isDirectory("/vol1/docs"));
-}
-
 } // namespace

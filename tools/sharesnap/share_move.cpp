@@ -61,6 +61,7 @@ public:
         moveMetadata();
         moveSnapshots();
         moveData();
+        moveMountPoint();
         moveHolds();
         setRecordPath();
     }
@@ -170,15 +171,20 @@ private:
         }
     }
 
-    void moveData() {
-        if (!exists(oldData_) || exists(newData_)) {
+    void moveDirectory(const std::string &from, const std::string &to) const {
+        if (!exists(from) || exists(to)) {
             return;
         }
-        if (rename(oldData_.c_str(), newData_.c_str()) != 0) {
-            throw Failure(exitFailed, what() + ": " + printable(oldData_) + " to " + printable(newData_) + ": " +
-                                          std::strerror(errno));
+        if (rename(from.c_str(), to.c_str()) != 0) {
+            throw Failure(exitFailed,
+                          what() + ": " + printable(from) + " to " + printable(to) + ": " + std::strerror(errno));
         }
     }
+
+    void moveData() const { moveDirectory(oldData_, newData_); }
+
+    // The path of an encrypted share is where its back end gets mounted. Any other share's path has moved by now.
+    void moveMountPoint() const { moveDirectory(intent_.oldPath, intent_.newPath); }
 
     void moveHolds() {
         if (!exists("/run/sharesnap/sys_lock/" + intent_.oldName + ".sharesnap_sys_lock")) {
@@ -221,6 +227,7 @@ Share recordOf(const RenameIntent &intent) {
 
 int endRename(const RenameIntent &intent, bool undo) {
     const Share share = recordOf(intent);
+    requireLocked(*share, "can't rename share " + quoted(intent.oldName) + " to " + quoted(intent.newName));
     const RenameIntent direction = undo ? backwards(intent) : intent;
     Move(*share, direction).run();
     const Share renamed = requireShare(direction.newName);
