@@ -18,8 +18,13 @@ struct ListArguments {
     bool hidden = false;
 };
 
+std::string_view textOf(const Snapshot &snapshot, const std::string &key) {
+    const std::string *value = snapshot.attribute(key);
+    return value != nullptr ? std::string_view(*value) : "";
+}
+
 // A program's path is shown by its last part.
-std::string shortProgram(const std::string &program) {
+std::string_view shortProgram(std::string_view program) {
     return program.substr(program.rfind('/') + 1);
 }
 
@@ -31,12 +36,13 @@ void printTable(const std::vector<Snapshot> &snapshots, const ListArguments &arg
     headers.insert(headers.end(), {"TAKEN BY", "DESCRIPTION"});
     Table table(headers);
     for (const Snapshot &snapshot : snapshots) {
-        std::vector<std::string> row = {snapshot.name, snapshot.time ? shownTime(*snapshot.time, form.utc) : "-"};
+        table.add(snapshot.name);
+        table.add(snapshot.time ? shownTime(*snapshot.time, form.utc) : "-");
         if (arguments.hidden) {
-            row.emplace_back(snapshot.hidden() ? "yes" : "no");
+            table.add(snapshot.hidden() ? "yes" : "no");
         }
-        row.insert(row.end(), {shortProgram(snapshot.text("take-by")), snapshot.text("desc")});
-        table.addRow(std::move(row));
+        table.add(shortProgram(textOf(snapshot, "take-by")));
+        table.add(textOf(snapshot, "desc"));
     }
     table.print(form);
 }
@@ -62,7 +68,10 @@ int listSnapshots(const ListArguments &arguments, const OutputForm &form) {
     }
     const Share share = requireBtrfsShare(arguments.share, "can't list the snapshots of");
     if (!form.json) {
-        selection.keys = {"hide", "take-by", "desc"}; // the table shows no others
+        selection.keys = {"take-by", "desc"}; // the table shows no others
+        if (arguments.hidden) {
+            selection.keys.emplace_back("hide");
+        }
     }
     const std::vector<Snapshot> snapshots = gatherSnapshots(*share, selection);
     if (!form.json) {

@@ -78,7 +78,8 @@ Verb &Verb::flag(const std::string &name, bool &value, const std::string &help) 
 
 int parseAndRun(int argc, char **argv, const VerbEntry *verbs, size_t count) {
     const auto isVerb = [argv](const VerbEntry &verb) { return isNamed(verb.names, 1, argv + 1); };
-    if (argc > 1 && argv[1][0] != '-' && std::none_of(verbs, verbs + count, isVerb)) {
+    const VerbEntry *chosen = argc > 1 ? std::find_if(verbs, verbs + count, isVerb) : verbs + count;
+    if (argc > 1 && argv[1][0] != '-' && chosen == verbs + count) {
         throw Failure(exitUsage, "there is no verb " + quoted(argv[1]), "sharesnap --help lists the verbs");
     }
     CLI::App app("Snapshots of shared folders on Btrfs.", "sharesnap");
@@ -86,10 +87,15 @@ int parseAndRun(int argc, char **argv, const VerbEntry *verbs, size_t count) {
     app.footer(footer);
     app.set_version_flag("--version", std::string("sharesnap ") + SHARESNAP_VERSION);
     Verb root(&app, &form);
-    for (size_t i = 0; i < count; ++i) {
-        Verb verb = root.add(verbs[i].names, verbs[i].help);
-        if (isNamed(verbs[i].names, argc, argv)) {
-            verbs[i].fill(verb);
+    if (chosen != verbs + count) {
+        Verb verb = root.add(chosen->names, chosen->help);
+        chosen->fill(verb);
+    } else { // only the help shows them all
+        for (size_t i = 0; i < count; ++i) {
+            Verb verb = root.add(verbs[i].names, verbs[i].help);
+            if (isNamed(verbs[i].names, argc, argv)) {
+                verbs[i].fill(verb);
+            }
         }
     }
     try {

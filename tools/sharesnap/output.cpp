@@ -7,52 +7,61 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 
 namespace command {
 
-void Table::alignRight(size_t column) {
-    rightColumns_.push_back(column);
+void Table::addRow(const std::vector<std::string> &cells) {
+    for (const std::string &cell : cells) {
+        add(cell);
+    }
 }
 
-void Table::addRow(std::vector<std::string> cells) {
-    for (std::string &cell : cells) {
-        cell = printable(cell);
-    }
-    rows_.push_back(std::move(cells));
+void Table::add(std::string_view cell) {
+    const size_t begin = text_.size();
+    const size_t columns = appendPrintable(text_, cell);
+    cells_.push_back({text_.size() - begin, columns});
 }
 
-std::string Table::line(const std::vector<std::string> &cells, const std::vector<size_t> &widths) const {
-    std::string text;
-    for (size_t column = 0; column < cells.size(); ++column) {
-        const std::string filler(widths[column] - columns(cells[column]), ' ');
-        const bool right = std::find(rightColumns_.begin(), rightColumns_.end(), column) != rightColumns_.end();
-        const bool last = column + 1 == cells.size();
-        text += right ? filler + cells[column] : cells[column] + (last ? "" : filler);
-        text += last ? "" : "  ";
+void Table::appendLine(std::string &result, const Cell *cells, const char *text,
+                       const std::vector<size_t> &widths) const {
+    const size_t begin = result.size();
+    for (size_t column = 0; column < widths.size(); ++column) {
+        const size_t filler = widths[column] - cells[column].columns;
+        const bool last = column + 1 == widths.size();
+        if (rightColumns_[column]) {
+            result.append(filler, ' ');
+        }
+        result.append(text, cells[column].size);
+        text += cells[column].size;
+        if (!last) {
+            result.append((rightColumns_[column] ? 0 : filler) + 2, ' ');
+        }
     }
-    text.erase(text.find_last_not_of(' ') + 1);
-    return text + "\n";
+    while (result.size() > begin && result.back() == ' ') {
+        result.pop_back();
+    }
+    result += '\n';
 }
 
 void Table::print(const OutputForm &form) const {
-    std::vector<size_t> widths(headers_.size(), 0);
-    const auto widen = [&widths](const std::vector<std::string> &cells) {
-        for (size_t column = 0; column < cells.size(); ++column) {
-            widths[column] = std::max(widths[column], columns(cells[column]));
+    const size_t columns = rightColumns_.size();
+    std::vector<size_t> widths(columns, 0);
+    for (size_t place = form.headers ? 0 : columns; place < cells_.size(); ++place) {
+        widths[place % columns] = std::max(widths[place % columns], cells_[place].columns);
+    }
+    std::string result;
+    result.reserve(text_.size() + cells_.size() / columns * std::accumulate(widths.begin(), widths.end(), 2 * columns));
+    const char *text = text_.data();
+    for (size_t place = 0; place < cells_.size(); place += columns) {
+        if (place > 0 || form.headers) {
+            appendLine(result, &cells_[place], text, widths);
         }
-    };
-    if (form.headers) {
-        widen(headers_);
+        for (size_t column = 0; column < columns; ++column) {
+            text += cells_[place + column].size;
+        }
     }
-    std::for_each(rows_.begin(), rows_.end(), widen);
-    std::string text;
-    if (form.headers) {
-        text += line(headers_, widths);
-    }
-    for (const auto &row : rows_) {
-        text += line(row, widths);
-    }
-    command::print(text);
+    command::print(result);
 }
 
 Json newDocument() {

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace command {
@@ -18,19 +19,28 @@ struct OutputForm {
 // A column is as wide as its widest text; the last one isn't filled up.
 class Table {
 public:
-    explicit Table(std::vector<std::string> headers) : headers_(std::move(headers)) {}
+    explicit Table(const std::vector<std::string> &headers) : rightColumns_(headers.size(), false) { addRow(headers); }
 
     // Numbers of a column stand at its right edge.
-    void alignRight(size_t column);
-    void addRow(std::vector<std::string> cells);
+    void alignRight(size_t column) { rightColumns_[column] = true; }
+    // A row has as many cells as there are headers.
+    void addRow(const std::vector<std::string> &cells);
+    // The next cell of a row, for those who make a row cell by cell.
+    void add(std::string_view cell);
     void print(const OutputForm &form) const;
 
 private:
-    [[nodiscard]] std::string line(const std::vector<std::string> &cells, const std::vector<size_t> &widths) const;
+    struct Cell {
+        size_t size;
+        size_t columns;
+    };
 
-    std::vector<std::string> headers_;
-    std::vector<std::vector<std::string>> rows_;
-    std::vector<size_t> rightColumns_;
+    void appendLine(std::string &result, const Cell *cells, const char *text, const std::vector<size_t> &widths) const;
+
+    // A table may have thousands of rows: the texts of all cells stand one behind the other, the headers' first.
+    std::string text_;
+    std::vector<Cell> cells_;
+    std::vector<bool> rightColumns_; // one a column
 };
 
 // Number of the JSON documents' form. A change that breaks readers raises it.

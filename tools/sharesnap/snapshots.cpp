@@ -56,8 +56,10 @@ void takeSection(Gathering &gathering, const char *name, const QLIBCSZHASH *sect
         return;
     }
     const std::vector<std::string> &keys = gathering.selection.keys;
-    gathering.snapshots.push_back(
-        {name, timeOfName(name), keys.empty() ? allPairs(section, gathering.keys) : chosenPairs(section, keys)});
+    Snapshot &snapshot = gathering.snapshots.emplace_back();
+    snapshot.name = name;
+    snapshot.time = timeOfName(snapshot.name);
+    snapshot.attributes = keys.empty() ? allPairs(section, gathering.keys) : chosenPairs(section, keys);
 }
 
 // Stands last in the chain, so it meets what the filters let through. It takes the section for itself: the list of
@@ -160,7 +162,10 @@ std::vector<Snapshot> gatherSnapshots(const QOVASHARE &share, const Selection &s
         }
         throw libraryFailure("can't list the snapshots of " + named(share), share, cause);
     }
-    std::stable_sort(gathering.snapshots.begin(), gathering.snapshots.end(), olderFirst);
+    // As a rule they stand in the list as they were taken.
+    if (!std::is_sorted(gathering.snapshots.begin(), gathering.snapshots.end(), olderFirst)) {
+        std::stable_sort(gathering.snapshots.begin(), gathering.snapshots.end(), olderFirst);
+    }
     return std::move(gathering.snapshots);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace command {
 
@@ -9,7 +10,7 @@ namespace command {
 // cursor or set colours: they show as \x1b.
 [[nodiscard]] std::string printable(const std::string &text);
 
-// Columns that a printable text takes, one a character.
-[[nodiscard]] size_t columns(const std::string &text);
+// Appends a text in that form to another one. Gives the columns that it takes, one a character.
+size_t appendPrintable(std::string &result, std::string_view text);
 
 } // namespace command

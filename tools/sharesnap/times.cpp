@@ -80,6 +80,12 @@ std::optional<time_t> secondsSinceEpoch(const std::string &text) {
     return seconds;
 }
 
+// A separator and a number of two digits.
+void appendDigits(std::string &text, char separator, int number) {
+    const char digits[] = {separator, static_cast<char>('0' + number / 10), static_cast<char>('0' + number % 10)};
+    text.append(digits, sizeof(digits));
+}
+
 } // namespace
 
 std::string isoTime(time_t time) {
@@ -93,15 +99,20 @@ std::string isoTime(time_t time) {
 
 std::string shownTime(time_t time, bool utc) {
     tm parts = {};
-    char text[64];
-    if (utc) {
-        return gmtime_r(&time, &parts) != nullptr
-                   ? std::string(text, strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%SZ", &parts))
-                   : "";
+    if ((utc ? gmtime_r(&time, &parts) : localtime_r(&time, &parts)) == nullptr) {
+        return "";
     }
-    return localtime_r(&time, &parts) != nullptr
-               ? std::string(text, strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts))
-               : "";
+    // A listing shows thousands: strftime would be a good part of it.
+    std::string text;
+    text.reserve(sizeof("2026-01-02 03:04:05Z"));
+    text += std::to_string(parts.tm_year + 1900LL);
+    appendDigits(text, '-', parts.tm_mon + 1);
+    appendDigits(text, '-', parts.tm_mday);
+    appendDigits(text, ' ', parts.tm_hour);
+    appendDigits(text, ':', parts.tm_min);
+    appendDigits(text, ':', parts.tm_sec);
+    text += utc ? "Z" : "";
+    return text;
 }
 
 std::optional<time_t> timeOfName(const std::string &name) {
