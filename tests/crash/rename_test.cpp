@@ -6,42 +6,18 @@
 #include <sharesnap/platform/szlist.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <set>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
+#include "become_command.hpp"
 #include "command/command.hpp"
 #include "support/crash.hpp"
 
 namespace {
 
 using namespace commandtest;
-
-void becomeCommand(const Arguments &arguments) {
-    std::vector<std::string> texts = {SHARESNAP_COMMAND};
-    texts.insert(texts.end(), arguments.begin(), arguments.end());
-    std::vector<char *> argv;
-    for (std::string &text : texts) {
-        argv.push_back(text.data());
-    }
-    argv.push_back(nullptr);
-    if (std::freopen("/dev/null", "r", stdin) == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) {
-        _exit(98);
-    }
-    (void)execv(argv[0], argv.data());
-    _exit(97);
-}
-
-bool takesEveryCall() {
-    return std::getenv("SHARESNAP_CRASH_ALL") != nullptr;
-}
-
-// How many calls a run makes that does nothing: those of the start.
-size_t callsOfTheStart() {
-    return testkit::countCalls([] { becomeCommand({"--version"}); });
-}
+using namespace crashtest;
 
 // What the administrator does about an interrupted rename.
 enum class Way { finish, undo, inTurn };

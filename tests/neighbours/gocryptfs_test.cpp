@@ -155,3 +155,37 @@ TEST_F(Gocryptfs, LockedShareCanBeSnapshotToo) {
     ASSERT_EQ(0, QOVAShareSnapCreate(share.get(), name, sizeof(name), nullptr));
     EXPECT_TRUE(testkit::exists(std::string("/vol1/@sharesnap/@docs@/") + name + "/gocryptfs.conf"));
 }
+
+// A rename, a removal or a restore below a mounted view would get mixed up with what its server still writes.
+TEST_F(Gocryptfs, MountedShareIsNotRenamedRemovedOrRestored) {
+    ASSERT_TRUE(mountView(server, backEnd, view));
+    ASSERT_TRUE(testkit::writeFile(std::string(view) + "/letter", "dear bank"));
+    ASSERT_TRUE(flushed(std::string(view) + "/letter"));
+    const std::string command = SHARESNAP_COMMAND;
+    const auto created = testkit::runProcessApart({command, "create", "docs"});
+    ASSERT_EQ(0, created.exitStatus) << created.errors;
+    const std::string snapshot = created.output.substr(0, created.output.find('\n'));
+    ASSERT_TRUE(testkit::writeFile(std::string(view) + "/letter", "changed since"));
+    const std::vector<std::vector<std::string>> verbs = {{"share", "rename", "docs", "papers"},
+                                                         {"share", "remove", "docs", "--data", "--yes"},
+                                                         {"restore", "docs", snapshot}};
+    for (const std::vector<std::string> &verb : verbs) {
+        std::vector<std::string> whole = {command};
+        whole.insert(whole.end(), verb.begin(), verb.end());
+        const auto result = testkit::runProcessApart(whole);
+        EXPECT_EQ(4, result.exitStatus) << result.output << result.errors;
+        EXPECT_NE(std::string::npos, result.errors.find("it is encrypted, and mounted at /vol1/docs")) << result.errors;
+    }
+    EXPECT_EQ("changed since", testkit::readFile(std::string(view) + "/letter"));
+    EXPECT_FALSE(testkit::exists("/vol1/@papers@"));
+    EXPECT_TRUE(testkit::exists("/vol1/@sharesnap/@docs@/" + snapshot + "/gocryptfs.conf"));
+
+    // Unmounted, it goes back, and another name is no matter to its files.
+    ASSERT_EQ(0, umount2(view, 0));
+    ASSERT_TRUE(testkit::comesTrue([&] { return !server.running(); }));
+    ASSERT_EQ(0, testkit::runProcess({command, "restore", "docs", snapshot}).exitStatus);
+    ASSERT_EQ(0, testkit::runProcess({command, "share", "rename", "docs", "papers"}).exitStatus);
+    ASSERT_EQ(0, mkdir(copyView().c_str(), 0755));
+    ASSERT_TRUE(mountView(copyServer, "/vol1/@papers@", copyView()));
+    EXPECT_EQ("dear bank", testkit::readFile(copyView() + "/letter"));
+}
