@@ -36,6 +36,7 @@ TEST_F(RenameNotes, NothingElseIsDoneUnderTheOldName) {
     EXPECT_TRUE(refuses({"share", "remove", "docs"}));
     EXPECT_TRUE(refuses({"share", "remove", "docs", "--data", "--yes"}));
     EXPECT_TRUE(refuses({"clone", "docs", "copy"}));
+    EXPECT_TRUE(refuses({"restore", "docs", snapshot}));
     EXPECT_EQ(std::vector<std::string>{snapshot}, listed());
     EXPECT_TRUE(testkit::isDirectory("/vol1/docs"));
     EXPECT_FALSE(testkit::exists("/vol1/copy"));

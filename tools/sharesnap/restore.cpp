@@ -2,8 +2,11 @@
 #include "actor.h"
 #include "failure.h"
 #include "move_lock.h"
+#include "rename_guard.h"
 #include "share_lookup.h"
+#include "subvolume_state.h"
 #include "text.h"
+#include "unkept.h"
 #include "verbs.h"
 #include "volume_tree.h"
 
@@ -11,6 +14,7 @@
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/metadata.h>
 #include <sharesnap/platform/error.h>
+#include <sharesnap/platform/quota.h>
 #include <sharesnap/platform/subvolume.h>
 
 #include <cerrno>
@@ -57,15 +61,15 @@ std::string snapshotPath(const QOVASHARE &share, const std::string &snapshot, co
     return path;
 }
 
-// A writable copy of the snapshot, beside the share, so that both can change places in one step. It goes with its owner;
-// one that an interrupted restore left goes before a new one is made.
+// A writable copy of the snapshot, beside the share, so that both can change places in one step. Until then it goes with
+// its owner; afterwards it is what was in the share before.
 class StandIn {
 public:
     StandIn(const QOVASHARE &share, const std::string &volume)
         : share_(share), path_(volume + "/@restore-" + share.szName) {}
     ~StandIn() {
-        if (stands_) {
-            (void)remove(); // a copy of a snapshot: the failure that is told is another one
+        if (isCopy_) {
+            (void)remove(); // the failure that is told is another one
         }
     }
     StandIn(const StandIn &) = delete;
@@ -73,34 +77,56 @@ public:
 
     [[nodiscard]] const std::string &path() const { return path_; }
 
-    void make(const std::string &source, const std::string &what) {
+    // One that an interrupted restore left goes. If something is in it that no snapshot holds, that is kept: the name of
+    // a snapshot, or empty.
+    std::string removeOld(const std::string &what) {
+        std::string kept;
+        if (QOVABtrfsIsSubVol(path_.c_str()) == 1) {
+            kept = keepUnkept(share_, path_, 0, "left by an interrupted restore");
+        }
         forgetCause();
         if (!remove()) {
             throw libraryFailure(what + ": can't remove " + printable(path_), share_, causeNow());
         }
+        return kept;
+    }
+
+    // The copy is limited like the share: its qgroup is a new one.
+    void make(const std::string &source, const std::string &what) {
         forgetCause();
         if (QOVABtrfsSnapshotTake(source.c_str(), path_.c_str()) != 0) {
             throw libraryFailure(what + ": no copy of the snapshot at " + printable(path_), share_, causeNow());
         }
-        stands_ = true;
+        isCopy_ = true;
+        QOVASHAREQUOTA quota = {};
+        forgetCause();
+        if (QOVAQuotaShareQuotaGet(&share_, &quota) != 0) {
+            throw libraryFailure(what + ": can't read its quota", share_, causeNow());
+        }
+        if (quota.ullLimit > 0) {
+            limitSize(path_, quota.ullLimit);
+        }
     }
 
     // The copy and the share change names in one system call: there is no moment without the share. 0, or errno.
     [[nodiscard]] int exchange() {
         const std::string data = dataPath(share_);
-        const bool done = renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, data.c_str(), RENAME_EXCHANGE) == 0;
-        return done ? 0 : errno;
+        if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, data.c_str(), RENAME_EXCHANGE) != 0) {
+            return errno;
+        }
+        isCopy_ = false;
+        return 0;
     }
 
     bool remove() {
-        stands_ = false;
+        isCopy_ = false;
         return QOVABtrfsDeleteSubvolFaultTolerant(path_.c_str()) == 0;
     }
 
 private:
     const QOVASHARE &share_;
     std::string path_;
-    bool stands_ = false;
+    bool isCopy_ = false;
 };
 
 std::string keepPresent(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
@@ -114,17 +140,79 @@ std::string keepPresent(const QOVASHARE &share, const std::string &snapshot, con
     return name;
 }
 
+// The creation of a snapshot of an encrypted share changes its back end once more when the snapshot has been taken. Since
+// such a share is locked, nobody else does: the generation to begin with is that of the creation's end.
+std::uint64_t generationKept(const QOVASHARE &share) {
+    if (!isEncrypted(share)) {
+        return 0;
+    }
+    const std::string data = dataPath(share);
+    writeOut(data);
+    const auto state = stateOf(data);
+    return state ? state->generation : 0;
+}
+
+// What was in the share goes, but for what was written to it after its snapshot had been taken: that is kept in another
+// one. First nobody is let in any more. False when it stays where it is.
+bool putAway(StandIn &standIn, const QOVASHARE &share, std::uint64_t known, std::vector<std::string> &later) {
+    try {
+        makeReadOnly(standIn.path());
+        const std::string kept = keepUnkept(share, standIn.path(), known, "written during a restore");
+        if (!kept.empty()) {
+            later.push_back(kept);
+        }
+    } catch (const Failure &failure) {
+        complain("the share is restored, but what was there before still stands at " + printable(standIn.path()) +
+                     ", with what was written to it meanwhile: " + failure.message(),
+                 "the next restore of the share tries again to keep it in a snapshot");
+        return false;
+    }
+    if (!standIn.remove()) {
+        complain("the share is restored, but what was there before still stands at " + printable(standIn.path()),
+                 "remove it with: btrfs subvolume delete " + printable(standIn.path()));
+        return false;
+    }
+    return true;
+}
+
 // True when the tree is true afterwards.
-bool tellOfKept(const QOVASHARE &share, const std::string &kept) {
-    (void)QOVAShareSnapCreateLogSet(&share, kept.c_str(), actorName().c_str(),
-                                    1); // an event that can't be written changes nothing
-    return treeSnapshotTaken(share, kept);
+bool tellOfKept(const QOVASHARE &share, const std::string &kept, const std::vector<std::string> &later) {
+    std::vector<std::string> all = later;
+    all.push_back(kept);
+    bool treeIsTrue = true;
+    for (const std::string &name : all) {
+        (void)QOVAShareSnapCreateLogSet(&share, name.c_str(), actorName().c_str(),
+                                        1); // an event that can't be written changes nothing
+        treeIsTrue = treeSnapshotTaken(share, name) && treeIsTrue;
+    }
+    return treeIsTrue;
+}
+
+void printResult(const RestoreArguments &arguments, const std::string &kept, const std::vector<std::string> &later,
+                 const OutputForm &form) {
+    if (form.json) {
+        Json document = newDocument();
+        document["share"] = arguments.share;
+        document["restored"] = arguments.snapshot;
+        document["kept"] = kept;
+        document["kept_later"] = Json::array();
+        for (const std::string &name : later) {
+            document["kept_later"].push_back(name);
+        }
+        printDocument(document);
+        return;
+    }
+    print("restored to " + printable(arguments.snapshot) + "; what was there is kept as " + printable(kept) + "\n");
+    for (const std::string &name : later) {
+        print("what was written during a restore is kept as " + printable(name) + "\n");
+    }
 }
 
 int restoreShare(const RestoreArguments &arguments, const OutputForm &form) {
     const std::string task = "can't restore";
     requireRoot(task + " share " + quoted(arguments.share));
     const MoveLock lock(MoveLock::alone);
+    requireNoInterruptedRename({arguments.share});
     const Share share = requireBtrfsShare(arguments.share, task);
     requireDataSubvolume(*share, task);
     const std::string what = task + " " + named(*share);
@@ -133,32 +221,27 @@ int restoreShare(const RestoreArguments &arguments, const OutputForm &form) {
     requireLocked(*share, what);
     requireNothingNested(*share, volume, what);
 
-    // The copy comes first: what is written between the snapshot of the present and the exchange is in no snapshot.
+    // The copy comes first, and the tree, which may have to be waited for, last: the less time passes between the
+    // snapshot of the present and the exchange, the less is written that this snapshot doesn't hold.
     StandIn standIn(*share, volume);
+    std::vector<std::string> later;
+    const std::string left = standIn.removeOld(what);
+    if (!left.empty()) {
+        later.push_back(left);
+    }
     standIn.make(source, what);
     const std::string kept = keepPresent(*share, arguments.snapshot, what);
+    const std::uint64_t known = generationKept(*share);
     const int error = standIn.exchange();
-    bool treeIsTrue = tellOfKept(*share, kept);
+    const bool putAwayWhole = error != 0 || putAway(standIn, *share, known, later);
+    bool treeIsTrue = tellOfKept(*share, kept, later);
     if (error != 0) {
         throw Failure(exitFailed, what + ": " + printable(standIn.path()) + " and " + printable(dataPath(*share)) +
                                       " can't change places: " + std::strerror(error));
     }
     treeIsTrue = treeShareRestored(*share, arguments.snapshot) && treeIsTrue;
-    const bool removed = standIn.remove();
-    if (!removed) {
-        complain("the share is restored, but what was there before still stands at " + printable(standIn.path()),
-                 "remove it with: btrfs subvolume delete " + printable(standIn.path()));
-    }
-    if (form.json) {
-        Json document = newDocument();
-        document["share"] = share->szName;
-        document["restored"] = arguments.snapshot;
-        document["kept"] = kept;
-        printDocument(document);
-    } else {
-        print("restored to " + printable(arguments.snapshot) + "; what was there is kept as " + printable(kept) + "\n");
-    }
-    return treeIsTrue && removed ? exitDone : exitInPart;
+    printResult(arguments, kept, later, form);
+    return treeIsTrue && putAwayWhole ? exitDone : exitInPart;
 }
 
 } // namespace
