@@ -12,7 +12,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <optional>
-#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +20,14 @@ namespace {
 using testkit::FaultPoint;
 using testkit::Names;
 using testkit::Pairs;
+
+using faults::borne;
+using faults::Outcomes;
+using faults::with;
+
+// What only dresses a share's directory fails nothing, but leaves a code.
+const Outcomes kDressing = with(borne(1, {"ioctl", "open", "close", "fprintf", "fclose", "chmod"}),
+                                {{"QOVASmbAttributeSet", {1, 0x2A00}}, {"fopen", {1, 0x0900}}});
 
 class FrameFaults : public testkit::MetadataTest {
 protected:
@@ -31,36 +38,6 @@ protected:
         MetadataTest::SetUp();
     }
 
-    // Runs the operation with each of its calls failing once. `mayFail` are the results of a failure; a result of
-    // `done` means that the failure was tolerated. A failure leaves a code, and nothing is left over.
-    void sweep(const char *function, const std::function<void()> &prepare, const std::function<int()> &operation,
-               int done, const std::set<int> &mayFail, const std::function<void(const FaultPoint &, int)> &more = {}) {
-        testkit::Sweep run;
-        run.function = function;
-        int result = 0;
-        std::optional<testkit::Leftovers> before;
-        run.prepare = [&] {
-            prepare();
-            QLIBCErrSetEx(0, "", 0);
-            before.emplace();
-        };
-        run.operation = [&] { result = operation(); };
-        run.check = [&](const FaultPoint &point) {
-            EXPECT_TRUE(result == done || mayFail.count(result) == 1) << point << " gave " << result;
-            if (result != done && codes) {
-                EXPECT_NE(0u, QLIBCErrGet()) << point;
-            }
-            if (!point.leavesBehind()) {
-                EXPECT_EQ("", before->compare()) << point;
-            }
-            if (more) {
-                more(point, result);
-            }
-        };
-        EXPECT_GT(run.run(), 0u);
-        EXPECT_EQ(done, result) << "without a failure";
-    }
-
     // Takes away what the library made, so that it makes all of it again.
     static void removeDirectories() {
         (void)QOVABtrfsDeleteSubvolFaultTolerant("/vol1/@sharesnap/docs");
@@ -69,13 +46,16 @@ protected:
     }
 
     char path[4096] = "";
-    bool codes = true; // a failure of the operation leaves a code
 };
 
 TEST_F(FrameFaults, MakingASharesDirectory) {
-    sweep(
-        "QOVAShareSnapGetOrCreateSnapDir", [&] { removeDirectories(); },
-        [&] { return QOVAShareSnapGetOrCreateSnapDir(docs(), path, sizeof(path), 1); }, 1, {0, -1},
+    const Outcomes outcomes = with(kDressing, {{"QOVABtrfsIsSubVol 2", {1}},
+                                               {"QOVABtrfsIsSubVol 3", {1}},
+                                               {"QOVABtrfsCreateSubVol 1", {-1, 0x0C00}},
+                                               {"QOVABtrfsCreateSubVol 2", {0, 0x0C00}}});
+    faults::sweep(
+        {"QOVAShareSnapGetOrCreateSnapDir", 1, outcomes, {"/vol1/@sharesnap"}}, [&] { removeDirectories(); },
+        [&] { return QOVAShareSnapGetOrCreateSnapDir(docs(), path, sizeof(path), 1); },
         [](const FaultPoint &point, int result) {
             if (result == 1) {
                 EXPECT_EQ(1, QOVABtrfsIsSubVol("/vol1/@sharesnap/docs")) << point;
@@ -84,8 +64,12 @@ TEST_F(FrameFaults, MakingASharesDirectory) {
 }
 
 TEST_F(FrameFaults, MakingASharesDirectoryWithSomethingInTheWay) {
-    sweep(
-        "SnapGetOrCreateSubvolume",
+    const Outcomes outcomes = {{"lstat", {1}},
+                               {"rename", {0, 0x0C00}},
+                               {"QOVABtrfsIsSubVol", {0, 0x0C00}}, // it isn't moved then
+                               {"QOVABtrfsCreateSubVol", {0, 0x0C00}}};
+    faults::sweep(
+        {"SnapGetOrCreateSubvolume", 1, outcomes, {"/vol1/@sharesnap"}},
         [&] {
             removeDirectories();
             std::filesystem::remove_all("/vol1/@sharesnap");
@@ -96,7 +80,7 @@ TEST_F(FrameFaults, MakingASharesDirectoryWithSomethingInTheWay) {
             }
             ASSERT_TRUE(testkit::writeFile("/vol1/@sharesnap", "precious"));
         },
-        [&] { return SnapGetOrCreateSubvolume(docs(), "@sharesnap", path, sizeof(path), 1); }, 1, {0, -1},
+        [&] { return SnapGetOrCreateSubvolume(docs(), "@sharesnap", path, sizeof(path), 1); },
         [](const FaultPoint &point, int) {
             size_t kept = 0;
             for (const std::string &name : testkit::directoryNames("/vol1")) {
@@ -107,9 +91,13 @@ TEST_F(FrameFaults, MakingASharesDirectoryWithSomethingInTheWay) {
 }
 
 TEST_F(FrameFaults, MakingPlainDirectories) {
-    sweep(
-        "SnapGetOrCreateDirWithShare", [&] { removeDirectories(); },
-        [&] { return SnapGetOrCreateDirWithShare(docs(), "plain", path, sizeof(path), 1); }, 1, {0, -1},
+    faults::sweep(
+        {"SnapGetOrCreateDirWithShare",
+         1,
+         {{"stat", {1}}, {"mkdir 1", {-1, 0x0C00}}, {"mkdir 2", {0, 0x0C00}}},
+         {"/vol1/plain"}},
+        [&] { removeDirectories(); },
+        [&] { return SnapGetOrCreateDirWithShare(docs(), "plain", path, sizeof(path), 1); },
         [](const FaultPoint &point, int result) {
             if (result == 1) {
                 EXPECT_TRUE(testkit::isDirectory("/vol1/plain/docs")) << point;
@@ -123,18 +111,9 @@ TEST_F(FrameFaults, DirectoriesOneByOne) {
         [&] { removeDirectories(); },
         [&] { return QOVAShareSnapGetOrCreateDir(docs(), "plain", path, sizeof(path), 1); },
         [](const FaultPoint &, int result) { EXPECT_EQ(result == 1, testkit::isDirectory("/vol1/plain")); });
-    // What only dresses the directory fails nothing, but leaves a code.
-    const faults::Outcomes outcomes = {{"QOVABtrfsIsSubVol", {1}},
-                                       {"QOVABtrfsCreateSubVol 1", {-1, 0x0C00}},
-                                       {"QOVABtrfsCreateSubVol 2", {0, 0x0C00}},
-                                       {"open", {1}},
-                                       {"ioctl", {1}},
-                                       {"close", {1}},
-                                       {"QOVASmbAttributeSet", {1, 0x2A00}},
-                                       {"fopen", {1, 0x0900}},
-                                       {"fprintf", {1}},
-                                       {"fclose", {1}},
-                                       {"chmod", {1}}};
+    const Outcomes outcomes = with(kDressing, {{"QOVABtrfsIsSubVol", {1}},
+                                               {"QOVABtrfsCreateSubVol 1", {-1, 0x0C00}},
+                                               {"QOVABtrfsCreateSubVol 2", {0, 0x0C00}}});
     faults::sweep(
         {"SnapGetOrCreateSubvolumeWithShare", 1, outcomes, {"/vol1/@sharesnap"}}, [&] { removeDirectories(); },
         [&] { return SnapGetOrCreateSubvolumeWithShare(docs(), "@sharesnap", path, sizeof(path), 1); },
@@ -158,33 +137,36 @@ TEST_F(FrameFaults, NamingByTheClock) {
     }
 }
 
+// A path that can't be looked at counts as absent.
 TEST_F(FrameFaults, LookingForASnapshot) {
     takeSubvolume("a");
-    codes = false; // a path that can't be looked at counts as absent
-    sweep(
-        "QOVAShareSnapGetSnapPath", [] {}, [&] { return QOVAShareSnapGetSnapPath(docs(), "a", path, sizeof(path)); }, 1,
-        {0, -1});
+    faults::sweep(
+        {"QOVAShareSnapGetSnapPath",
+         1,
+         {{"QOVABtrfsIsSubVol 2", {1}}, {"QOVABtrfsIsSubVol 3", {0}}, {"QOVABtrfsIsSubVol 4", {0}}}},
+        [] {}, [&] { return QOVAShareSnapGetSnapPath(docs(), "a", path, sizeof(path)); });
 }
 
 TEST_F(FrameFaults, CheckingTheSupport) {
     int type = 0;
-    sweep(
-        "QOVAShareSnapCheckSupport", [] {}, [&] { return QOVAShareSnapCheckSupport(docs(), &type, SNAP_CREATE); }, 0,
-        {-1});
+    faults::sweep(
+        {"QOVAShareSnapCheckSupport", 0}, [] {}, [&] { return QOVAShareSnapCheckSupport(docs(), &type, SNAP_CREATE); });
 }
 
 TEST_F(FrameFaults, MovingASharesDirectory) {
+    const Outcomes outcomes = with(borne(0, {"QOVABtrfsIsSubVol 1", "QOVABtrfsIsSubVol 2", "QOVABtrfsIsSubVol 4"}),
+                                   {{"QOVABtrfsIsSubVol 5", {-1, 0x0C00}}, {"rename", {-1, 0x2A00}}});
     ASSERT_EQ("", testkit::makeShare("other"));
     const testkit::SharePointer other = testkit::getShare("other");
     takeSubvolume("a");
-    sweep(
-        "SnapshotDirRename",
+    faults::sweep(
+        {"SnapshotDirRename", 0, outcomes, {"/vol1/@sharesnap/other"}},
         [] {
             if (testkit::exists("/vol1/@sharesnap/other/a")) {
                 ASSERT_EQ(0, rename("/vol1/@sharesnap/other", "/vol1/@sharesnap/docs"));
             }
         },
-        [&] { return SnapshotDirRename(docs(), other.get()); }, 0, {-1},
+        [&] { return SnapshotDirRename(docs(), other.get()); },
         [](const FaultPoint &point, int result) {
             EXPECT_EQ(result == 0, testkit::exists("/vol1/@sharesnap/other/a")) << point;
             EXPECT_EQ(result != 0, testkit::exists("/vol1/@sharesnap/docs/a")) << point;
@@ -195,8 +177,9 @@ TEST_F(FrameFaults, ListingTheVolume) {
     takeSubvolume("a");
     takeSubvolume("b");
     std::optional<Names> names;
-    sweep(
-        "BtrfsListSnaps", [&] { names.emplace(); }, [&] { return BtrfsListSnaps(docs(), names->address()); }, 0, {-1},
+    faults::sweep(
+        {"BtrfsListSnaps", 0, {{"fgets", {-1, 0x2A00}}, {"QLIBCPclose", {0}}}}, [&] { names.emplace(); },
+        [&] { return BtrfsListSnaps(docs(), names->address()); },
         [&](const FaultPoint &point, int result) {
             if (result == 0) {
                 EXPECT_EQ((std::vector<std::string>{"a", "b"}), names->all()) << point;
@@ -207,14 +190,14 @@ TEST_F(FrameFaults, ListingTheVolume) {
 TEST_F(FrameFaults, ReadingFacts) {
     takeSubvolume("a");
     std::optional<Pairs> facts;
-    sweep(
-        "SnapFillSubvolInfo", [&] { facts.emplace(); },
-        [&] { return SnapFillSubvolInfo(docs(), "a", facts->address()); }, 0, {-1});
+    faults::sweep(
+        {"SnapFillSubvolInfo", 0, {{"QOVABtrfsIsSubVol 2", {0}}}}, [&] { facts.emplace(); },
+        [&] { return SnapFillSubvolInfo(docs(), "a", facts->address()); });
 }
 
 TEST_F(FrameFaults, FindingTheDataPath) {
-    sweep(
-        "ShareSubvolumePathGet", [] {}, [&] { return ShareSubvolumePathGet(docs(), path, sizeof(path)); }, 0, {-1});
+    faults::sweep(
+        {"ShareSubvolumePathGet", 0}, [] {}, [&] { return ShareSubvolumePathGet(docs(), path, sizeof(path)); });
 }
 
 TEST_F(FrameFaults, MakingTheDirectoriesBelowRun) {
@@ -230,8 +213,9 @@ TEST_F(FrameFaults, MakingTheDirectoriesBelowRun) {
 
 TEST_F(FrameFaults, TakingTheMetadataLock) {
     int lock = -1;
-    sweep(
-        "QOVAShareSnapLockMetaFile", [] { std::filesystem::remove_all("/run/lock/sharesnap"); },
+    faults::sweep(
+        {"QOVAShareSnapLockMetaFile", 0, {{"lstat", {0}}, {"mkdir", {-1, 0x0C00}}}},
+        [] { std::filesystem::remove_all("/run/lock/sharesnap"); },
         [&] {
             lock = QOVAShareSnapLockMetaFile(docs(), 1);
             if (lock < 0) {
@@ -239,38 +223,46 @@ TEST_F(FrameFaults, TakingTheMetadataLock) {
             }
             (void)QLIBCFileUnlockByFile(lock);
             return 0;
-        },
-        0, {-1});
+        });
 }
 
 TEST_F(FrameFaults, WritingSections) {
     const Pairs pairs = {{"k", "v"}};
-    sweep(
-        "SnapFileSectionAdd", [&] { writeMeta(""); },
-        [&] { return SnapFileSectionAdd(metaPath, "a", pairs.get(), "%s=%s\n"); }, 1, {-1});
-    sweep(
-        "SnapFileSectionSet", [&] { writeMeta("[a]\nk=w\n"); },
-        [&] { return SnapFileSectionSet(metaPath, "a", nullptr, pairs.get(), nullptr); }, 1, {-1});
-    sweep(
-        "SnapFileSectionRemove", [&] { writeMeta("[a]\nk=w\n"); }, [&] { return SnapFileSectionRemove(metaPath, "a"); },
-        1, {-1});
+    const auto sweepWith = [&](int error, const Outcomes &outcomes) {
+        faults::sweep(
+            {"SnapFileSectionAdd", 1, outcomes, {}, error}, [&] { writeMeta(""); },
+            [&] { return SnapFileSectionAdd(metaPath, "a", pairs.get(), "%s=%s\n"); });
+        faults::sweep(
+            {"SnapFileSectionSet", 1, outcomes, {}, error}, [&] { writeMeta("[a]\nk=w\n"); },
+            [&] { return SnapFileSectionSet(metaPath, "a", nullptr, pairs.get(), nullptr); });
+        faults::sweep(
+            {"SnapFileSectionRemove", 1, outcomes, {}, error}, [&] { writeMeta("[a]\nk=w\n"); },
+            [&] { return SnapFileSectionRemove(metaPath, "a"); });
+    };
+    sweepWith(EIO, {});
+    // A full volume is told as such.
+    const faults::Outcome full = {-1, 0x2900};
+    sweepWith(ENOSPC, {{"QLIBCFileAddSection", full}, {"QLIBCFileSetSection", full}, {"QLIBCFileRemoveSection", full}});
 }
 
 TEST_F(FrameFaults, SettingTheQuotaFlag) {
     // A kernel that knows the flag.
     uint64_t word = 0;
     using Control = int(int, unsigned long, void *);
-    sweep(
-        "BtrfsSubvolNoLoadUsrQuotaAttrSet", [] {},
+    faults::sweep(
+        {"BtrfsSubvolNoLoadUsrQuotaAttrSet", 0, {{"open", {-1, 0x0900}}, {"close", {0}}}}, [] {},
         [&] {
             const testkit::Replacement<Control> kernel("ioctl", [&](int, unsigned long, void *) {
                 ++word;
                 return 0;
             });
             return BtrfsSubvolNoLoadUsrQuotaAttrSet("/vol1/docs", 1);
-        },
-        0, {-1});
+        });
     EXPECT_GT(word, 0u);
+    // Every kernel can clear it.
+    faults::sweep(
+        {"BtrfsSubvolNoLoadUsrQuotaAttrSet", 0, {{"open", {-1, 0x0900}}, {"ioctl", {-1, 0x2A00}}, {"close", {0}}}},
+        [] {}, [] { return BtrfsSubvolNoLoadUsrQuotaAttrSet("/vol1/docs", 0); });
 }
 
 // Parent and child run side by side, so the number of a call among all calls differs from run to run: each function fails
