@@ -68,7 +68,7 @@ int cloneShare(const CloneArguments &arguments) {
 void fillClone(Verb &verb) {
     auto arguments = std::make_shared<CloneArguments>();
     verb.takes("SHARE", arguments->share, "Name of the share to clone")
-        .takes("NEW", arguments->newName, "Name of the new share; it lies on the same volume")
+        .takes("NEW", arguments->newName, "Name of the new share; it lies on the same volume and has no quota")
         .option("--snapshot", arguments->snapshot, "SNAPSHOT", "From this snapshot instead of the share as it is")
         .runs([arguments] { return cloneShare(*arguments); });
 }

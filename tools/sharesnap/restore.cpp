@@ -249,7 +249,8 @@ int restoreShare(const RestoreArguments &arguments, const OutputForm &form) {
 void fillRestore(Verb &verb) {
     auto arguments = std::make_shared<RestoreArguments>();
     verb.takes("SHARE", arguments->share, "Name of the share")
-        .takes("SNAPSHOT", arguments->snapshot, "Name of the snapshot to go back to")
+        .takes("SNAPSHOT", arguments->snapshot,
+               "Name of the snapshot to go back to. The share's quota stays, not its membership in other qgroups")
         .runs([arguments, form = &verb.form()] { return restoreShare(*arguments, *form); });
 }
 
