@@ -210,7 +210,7 @@ int syncShares(const SyncArguments &arguments, const OutputForm &form) {
 void fillSync(Verb &verb) {
     auto arguments = std::make_shared<SyncArguments>();
     verb.takesOptional("SHARE", arguments->share, "Name of the share")
-        .flag("--all", arguments->all, "All shares on Btrfs volumes")
+        .flag("--all", arguments->all, "All shares on Btrfs volumes, and what their trees have left of others")
         .flag("--dry-run", arguments->dryRun, "Only tell what would change")
         .runs([arguments, form = &verb.form()] { return syncShares(*arguments, *form); });
 }
