@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -75,9 +76,15 @@ private:
     int m_count = 0;
 };
 
+// Nobody creates snapshots one right after the other, and the file system is still cleaning up what went before.
+void waitAMoment() {
+    usleep(300000);
+}
+
 // One more snapshot, which goes again so that as many exist in the next round.
 double createOne(const QOVASHARE &share) {
     const std::string directory = snapshotDirectory(share);
+    waitAMoment();
     const double seconds = runProgram({SHARESNAP_COMMAND, "create", share.szName});
     QLIBCSZLIST *names = QLIBCSzListAlloc(1);
     QLIBCMRESULT *results = QLIBCMResultAlloc();
@@ -94,6 +101,7 @@ double createOne(const QOVASHARE &share) {
 }
 
 double createOne(Snapper &snapper) {
+    waitAMoment();
     const double seconds = snapper.create();
     (void)snapper.remove(1);
     return seconds;
@@ -101,6 +109,7 @@ double createOne(Snapper &snapper) {
 
 double createByHand(const QOVASHARE &share) {
     const std::string target = "/vol1/by-hand";
+    waitAMoment();
     const double seconds = runProgram({"btrfs", "subvolume", "snapshot", "-r", share.szPath, target});
     (void)runProgram({"btrfs", "subvolume", "delete", target});
     return seconds;
