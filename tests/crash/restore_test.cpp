@@ -94,6 +94,28 @@ protected:
     size_t after_ = 0;
 };
 
+// Before each call of the command, so that no two of them have a moment without the share between them.
+TEST_F(RestoreCrash, ShareIsNeverMissing) {
+    reset();
+    size_t misses = 0;
+    size_t others = 0;
+    std::string seen = "second";
+    const size_t calls = testkit::countCalls(
+        [&] {
+            crashtest::becomeCommand({"restore", "docs", snapshot_});
+        },
+        [&] {
+            const std::string letter = testkit::readFile(kLetter);
+            misses += letter.empty() ? 1 : 0;
+            others += letter != seen ? 1 : 0;
+            seen = letter;
+        });
+    EXPECT_LT(crashtest::callsOfTheStart(), calls);
+    EXPECT_EQ(0U, misses);
+    EXPECT_EQ(1U, others) << "it changes once";
+    EXPECT_EQ("first", seen);
+}
+
 TEST_F(RestoreCrash, ShareIsWholeAtEveryPoint) {
     testkit::CrashSweep sweep;
     sweep.first = crashtest::callsOfTheStart();

@@ -50,8 +50,9 @@ void killTraced(pid_t child) {
     } while (WIFSTOPPED(status));
 }
 
-// Lets the child run to the entry of its nth call, or to its end; gives how many calls it has entered.
-size_t runTo(pid_t child, size_t nth) {
+// Lets the child run to the entry of its nth call, or to its end; gives how many calls it has entered. `look` is called
+// while the child stands at the entry of each.
+size_t runTo(pid_t child, size_t nth, const std::function<void()> &look) {
     size_t entered = 0;
     bool inside = false;
     int signal = 0;
@@ -70,6 +71,9 @@ size_t runTo(pid_t child, size_t nth) {
             continue;
         }
         inside = !inside;
+        if (inside && look) {
+            look();
+        }
         if (inside && ++entered == nth) {
             return entered;
         }
@@ -77,7 +81,7 @@ size_t runTo(pid_t child, size_t nth) {
 }
 
 // The calls that the operation made until its nth one, where it is killed, or until its end.
-size_t runAndKill(size_t nth, const std::function<void()> &operation) {
+size_t runAndKill(size_t nth, const std::function<void()> &operation, const std::function<void()> &look) {
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t child = startTraced(operation);
     if (child < 0) {
@@ -90,7 +94,7 @@ size_t runAndKill(size_t nth, const std::function<void()> &operation) {
         killTraced(child);
         return 0;
     }
-    const size_t entered = runTo(child, nth);
+    const size_t entered = runTo(child, nth, look);
     if (entered == nth) {
         killTraced(child);
     }
@@ -101,11 +105,11 @@ size_t runAndKill(size_t nth, const std::function<void()> &operation) {
 } // namespace
 
 bool killAtCall(size_t nth, const std::function<void()> &operation) {
-    return runAndKill(nth, operation) == nth;
+    return runAndKill(nth, operation, nullptr) == nth;
 }
 
-size_t countCalls(const std::function<void()> &operation) {
-    return runAndKill(SIZE_MAX, operation);
+size_t countCalls(const std::function<void()> &operation, const std::function<void()> &look) {
+    return runAndKill(SIZE_MAX, operation, look);
 }
 
 size_t CrashSweep::run() const {

@@ -19,8 +19,9 @@ namespace testkit {
 // Runs the operation in a traced child and kills it at its nth system call. False when it came to its end before.
 [[nodiscard]] bool killAtCall(size_t nth, const std::function<void()> &operation);
 
-// Lets the operation come to its end in a traced child; how many system calls it made.
-[[nodiscard]] size_t countCalls(const std::function<void()> &operation);
+// Lets the operation come to its end in a traced child; how many system calls it made. `look` is called before each of
+// them, while the child waits.
+[[nodiscard]] size_t countCalls(const std::function<void()> &operation, const std::function<void()> &look = nullptr);
 
 class CrashSweep {
 public:
