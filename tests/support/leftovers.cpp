@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -68,28 +69,51 @@ void filesBelow(const std::string &directory, std::vector<std::string> &all) {
     }
 }
 
-// A child that holds nothing tries each lock: it gets those that nobody holds.
-bool isLockHeld(const std::string &path) {
+// A child that holds nothing tries the locks: it gets those that nobody holds, and tells the numbers of the others.
+void tellHeldLocks(const std::vector<std::string> &paths, int pipeEnd) {
+    QLIBCFileCloseLock();
+    for (size_t i = 0; i < paths.size(); ++i) {
+        int fd = -1;
+        if (QLIBCFileLockTimeByFile(paths[i].c_str(), 1, 0, &fd) == 0 && write(pipeEnd, &i, sizeof(i)) != sizeof(i)) {
+            _exit(1);
+        }
+    }
+    _exit(0);
+}
+
+std::vector<std::string> heldAmong(const std::vector<std::string> &paths) {
+    std::vector<std::string> held;
+    int ends[2];
+    if (paths.empty() || pipe2(ends, O_CLOEXEC) != 0) {
+        return paths; // what can't be tried counts as held
+    }
     const pid_t pid = fork();
     if (pid == 0) {
-        QLIBCFileCloseLock();
-        int fd = -1;
-        const bool got = QLIBCFileLockTimeByFile(path.c_str(), 1, 0, &fd) != 0;
-        _exit(got ? 0 : 1);
+        tellHeldLocks(paths, ends[1]);
     }
+    (void)close(ends[1]);
+    size_t number = 0;
+    while (pid > 0 && read(ends[0], &number, sizeof(number)) == sizeof(number)) {
+        held.push_back(paths[number]);
+    }
+    (void)close(ends[0]);
     const int status = pid > 0 ? waitForChild(pid) : -1;
-    return !WIFEXITED(status) || WEXITSTATUS(status) != 0;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? held : paths;
 }
 
 std::vector<std::string> heldLocks() {
     std::vector<std::string> files;
     filesBelow(lockDirectory, files);
-    std::vector<std::string> held;
+    std::vector<std::string> paths;
     for (const std::string &file : files) {
         const std::string path = file.substr(std::string("file ").size());
-        if (!isDirectory(path) && isLockHeld(path)) {
-            held.push_back("lock " + path);
+        if (!isDirectory(path)) {
+            paths.push_back(path);
         }
+    }
+    std::vector<std::string> held = heldAmong(paths);
+    for (std::string &path : held) {
+        path.insert(0, "lock ");
     }
     return held;
 }
