@@ -5,7 +5,9 @@
 #include "times.h"
 #include "verbs.h"
 
+#include <algorithm>
 #include <memory>
+#include <numeric>
 
 namespace command {
 namespace {
@@ -18,9 +20,9 @@ struct ListArguments {
     bool hidden = false;
 };
 
-std::string_view textOf(const Snapshot &snapshot, const std::string &key) {
-    const std::string *value = snapshot.attribute(key);
-    return value != nullptr ? std::string_view(*value) : "";
+std::string_view textOf(const QLIBCSZHASH *section, const char *key) {
+    const char *value = QLIBCSzHashGetValue(section, key);
+    return value != nullptr ? value : "";
 }
 
 // A program's path is shown by its last part.
@@ -28,22 +30,37 @@ std::string_view shortProgram(std::string_view program) {
     return program.substr(program.rfind('/') + 1);
 }
 
-void printTable(const std::vector<Snapshot> &snapshots, const ListArguments &arguments, const OutputForm &form) {
+// The rows that have these times, from the oldest to the newest. As a rule they are so already.
+void sortRows(Table &table, const std::vector<std::optional<time_t>> &times) {
+    if (std::is_sorted(times.begin(), times.end(), isEarlier)) {
+        return;
+    }
+    std::vector<size_t> order(times.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(),
+                     [&times](size_t left, size_t right) { return isEarlier(times[left], times[right]); });
+    table.arrange(order);
+}
+
+void printTable(const QOVASHARE &share, const Selection &selection, const OutputForm &form) {
     std::vector<std::string> headers = {"SNAPSHOT", "TIME"};
-    if (arguments.hidden) {
+    if (selection.hidden) {
         headers.emplace_back("HIDDEN");
     }
     headers.insert(headers.end(), {"TAKEN BY", "DESCRIPTION"});
     Table table(headers);
-    for (const Snapshot &snapshot : snapshots) {
-        table.add(snapshot.name);
-        table.add(snapshot.time ? shownTime(*snapshot.time, form.utc) : "-");
-        if (arguments.hidden) {
-            table.add(snapshot.hidden() ? "yes" : "no");
+    std::vector<std::optional<time_t>> times;
+    visitSnapshots(share, selection, [&](const char *name, std::optional<time_t> time, const QLIBCSZHASH *section) {
+        times.push_back(time);
+        table.add(name);
+        table.add(time ? shownTime(*time, form.utc) : "-");
+        if (selection.hidden) {
+            table.add(textOf(section, "hide") == "true" ? "yes" : "no");
         }
-        table.add(shortProgram(textOf(snapshot, "take-by")));
-        table.add(textOf(snapshot, "desc"));
-    }
+        table.add(shortProgram(textOf(section, "take-by")));
+        table.add(textOf(section, "desc"));
+    });
+    sortRows(table, times);
     table.print(form);
 }
 
@@ -68,16 +85,10 @@ int listSnapshots(const ListArguments &arguments, const OutputForm &form) {
     }
     const Share share = requireBtrfsShare(arguments.share, "can't list the snapshots of");
     if (!form.json) {
-        selection.keys = {"take-by", "desc"}; // the table shows no others
-        if (arguments.hidden) {
-            selection.keys.emplace_back("hide");
-        }
-    }
-    const std::vector<Snapshot> snapshots = gatherSnapshots(*share, selection);
-    if (!form.json) {
-        printTable(snapshots, arguments, form);
+        printTable(*share, selection, form);
         return exitDone;
     }
+    const std::vector<Snapshot> snapshots = gatherSnapshots(*share, selection);
     Json document = newDocument();
     document["share"] = share->szName;
     document["snapshots"] = Json::array();

@@ -23,6 +23,26 @@ void Table::add(std::string_view cell) {
     cells_.push_back({text_.size() - begin, columns});
 }
 
+void Table::arrange(const std::vector<size_t> &order) {
+    const size_t columns = rightColumns_.size();
+    std::vector<size_t> begins(1, 0); // of the cells' texts
+    for (const Cell &cell : cells_) {
+        begins.push_back(begins.back() + cell.size);
+    }
+    const auto rowEnd = [columns](size_t row) { return (row + 1) * columns; };
+    std::vector<Cell> cells(cells_.begin(), cells_.begin() + static_cast<ptrdiff_t>(columns));
+    std::string text(text_, 0, begins[columns]);
+    for (const size_t number : order) {
+        const size_t row = number + 1; // behind the headers
+        for (size_t place = rowEnd(row - 1); place < rowEnd(row); ++place) {
+            cells.push_back(cells_[place]);
+        }
+        text.append(text_, begins[rowEnd(row - 1)], begins[rowEnd(row)] - begins[rowEnd(row - 1)]);
+    }
+    cells_ = std::move(cells);
+    text_ = std::move(text);
+}
+
 void Table::appendLine(std::string &result, const Cell *cells, const char *text,
                        const std::vector<size_t> &widths) const {
     const size_t begin = result.size();

@@ -27,6 +27,8 @@ public:
     void addRow(const std::vector<std::string> &cells);
     // The next cell of a row, for those who make a row cell by cell.
     void add(std::string_view cell);
+    // Puts the rows into another order: of the numbers, from 0, that they have now.
+    void arrange(const std::vector<size_t> &order);
     void print(const OutputForm &form) const;
 
 private:

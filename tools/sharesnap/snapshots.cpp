@@ -17,11 +17,10 @@ namespace {
 // What the library's selectors answer.
 enum Answer { keep = 0, skip = 1, stopFailing = 3 };
 
-struct Gathering {
+struct Visiting {
     const Selection &selection;
+    const Visit &visit;
     bool outOfMemory;
-    List keys; // one list for all sections
-    std::vector<Snapshot> snapshots;
 };
 
 Pairs chosenPairs(const QLIBCSZHASH *section, const std::vector<std::string> &keys) {
@@ -50,26 +49,18 @@ Pairs allPairs(const QLIBCSZHASH *section, List &keys) {
     return pairs;
 }
 
-void takeSection(Gathering &gathering, const char *name, const QLIBCSZHASH *section) {
-    const char *hide = QLIBCSzHashGetValue(section, "hide");
-    if (!gathering.selection.hidden && hide != nullptr && std::strcmp(hide, "true") == 0) {
-        return;
-    }
-    const std::vector<std::string> &keys = gathering.selection.keys;
-    Snapshot &snapshot = gathering.snapshots.emplace_back();
-    snapshot.name = name;
-    snapshot.time = timeOfName(snapshot.name);
-    snapshot.attributes = keys.empty() ? allPairs(section, gathering.keys) : chosenPairs(section, keys);
-}
-
 // Stands last in the chain, so it meets what the filters let through. It takes the section for itself: the list of
 // names that the library makes isn't wanted.
-int gather(const char *name, const QLIBCSZHASH *section, void *data) {
-    auto &gathering = *static_cast<Gathering *>(data);
+int visitSection(const char *name, const QLIBCSZHASH *section, void *data) {
+    auto &visiting = *static_cast<Visiting *>(data);
+    const char *hide = QLIBCSzHashGetValue(section, "hide");
+    if (!visiting.selection.hidden && hide != nullptr && std::strcmp(hide, "true") == 0) {
+        return skip;
+    }
     try {
-        takeSection(gathering, name, section);
+        visiting.visit(name, timeOfName(name), section);
     } catch (const std::bad_alloc &) {
-        gathering.outOfMemory = true; // no exception may pass through the library
+        visiting.outOfMemory = true; // no exception may pass through the library
         return stopFailing;
     }
     return skip;
@@ -106,13 +97,6 @@ private:
     QOVAShareSnapEnum *first_ = nullptr;
 };
 
-bool olderFirst(const Snapshot &left, const Snapshot &right) {
-    if (left.time.has_value() != right.time.has_value()) {
-        return left.time.has_value();
-    }
-    return left.time < right.time;
-}
-
 } // namespace
 
 const std::string *Snapshot::attribute(const std::string &key) const {
@@ -139,14 +123,14 @@ void checkAttributeFilters(const std::vector<std::string> &filters) {
     }
 }
 
-std::vector<Snapshot> gatherSnapshots(const QOVASHARE &share, const Selection &selection) {
+void visitSnapshots(const QOVASHARE &share, const Selection &selection, const Visit &visit) {
     checkAttributeFilters(selection.attributes);
-    Gathering gathering{selection, false, newList(), {}};
+    Visiting visiting{selection, visit, false};
     std::vector<std::string> filters = selection.attributes;
     std::string since;
     std::string until;
     Chain chain;
-    chain.add(gather, &gathering);
+    chain.add(visitSection, &visiting);
     for (std::string &filter : filters) {
         chain.add(QOVAShareSnapAttrSelector, filter.data());
     }
@@ -157,16 +141,27 @@ std::vector<Snapshot> gatherSnapshots(const QOVASHARE &share, const Selection &s
     forgetCause();
     if (QOVAShareSnapList(&share, names.address(), chain.get()) != 0) {
         const Cause cause = causeNow();
-        if (gathering.outOfMemory) {
+        if (visiting.outOfMemory) {
             throw std::bad_alloc();
         }
         throw libraryFailure("can't list the snapshots of " + named(share), share, cause);
     }
-    // As a rule they stand in the list as they were taken.
-    if (!std::is_sorted(gathering.snapshots.begin(), gathering.snapshots.end(), olderFirst)) {
-        std::stable_sort(gathering.snapshots.begin(), gathering.snapshots.end(), olderFirst);
-    }
-    return std::move(gathering.snapshots);
+}
+
+bool isEarlier(std::optional<time_t> left, std::optional<time_t> right) {
+    return left.has_value() != right.has_value() ? left.has_value() : left < right;
+}
+
+std::vector<Snapshot> gatherSnapshots(const QOVASHARE &share, const Selection &selection) {
+    std::vector<Snapshot> snapshots;
+    List keys = newList(); // one for all sections
+    visitSnapshots(share, selection, [&](const char *name, std::optional<time_t> time, const QLIBCSZHASH *section) {
+        snapshots.push_back(
+            {name, time, selection.keys.empty() ? allPairs(section, keys) : chosenPairs(section, selection.keys)});
+    });
+    const auto earlier = [](const Snapshot &left, const Snapshot &right) { return isEarlier(left.time, right.time); };
+    std::stable_sort(snapshots.begin(), snapshots.end(), earlier);
+    return snapshots;
 }
 
 } // namespace command

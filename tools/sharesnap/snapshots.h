@@ -4,6 +4,7 @@
 #include "handles.h"
 
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,7 +30,15 @@ struct Selection {
     std::vector<std::string> attributes; // as QOVAShareSnapAttrSelector takes them: key, key=part, key==value, !...
 };
 
-// Those that pass, sorted by time, oldest first; those without a time come last. Throws a Failure.
+// What is done with each snapshot that passes, in the order of the list. Its section is there for this call only.
+using Visit = std::function<void(const char *name, std::optional<time_t> time, const QLIBCSZHASH *section)>;
+// Throws a Failure. Nothing but std::bad_alloc may come out of the visit.
+void visitSnapshots(const QOVASHARE &share, const Selection &selection, const Visit &visit);
+
+// True when the first of two times comes first: the older one, and those without a time last.
+[[nodiscard]] bool isEarlier(std::optional<time_t> left, std::optional<time_t> right);
+
+// Those that pass, sorted by time. Throws a Failure.
 [[nodiscard]] std::vector<Snapshot> gatherSnapshots(const QOVASHARE &share, const Selection &selection);
 
 // Throws a Failure (usage) for an attribute filter that says nothing.

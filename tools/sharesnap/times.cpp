@@ -5,6 +5,8 @@
 #include <sharesnap/frame.h>
 
 #include <cctype>
+#include <charconv>
+#include <cstring>
 
 namespace command {
 namespace {
@@ -80,10 +82,12 @@ std::optional<time_t> secondsSinceEpoch(const std::string &text) {
     return seconds;
 }
 
-// A separator and a number of two digits.
-void appendDigits(std::string &text, char separator, int number) {
-    const char digits[] = {separator, static_cast<char>('0' + number / 10), static_cast<char>('0' + number % 10)};
-    text.append(digits, sizeof(digits));
+// Writes a separator and a number of two digits. Gives the place behind them.
+char *writeDigits(char *place, char separator, int number) {
+    *place++ = separator;
+    *place++ = static_cast<char>('0' + number / 10);
+    *place++ = static_cast<char>('0' + number % 10);
+    return place;
 }
 
 } // namespace
@@ -103,21 +107,22 @@ std::string shownTime(time_t time, bool utc) {
         return "";
     }
     // A listing shows thousands: strftime would be a good part of it.
-    std::string text;
-    text.reserve(sizeof("2026-01-02 03:04:05Z"));
-    text += std::to_string(parts.tm_year + 1900LL);
-    appendDigits(text, '-', parts.tm_mon + 1);
-    appendDigits(text, '-', parts.tm_mday);
-    appendDigits(text, ' ', parts.tm_hour);
-    appendDigits(text, ':', parts.tm_min);
-    appendDigits(text, ':', parts.tm_sec);
-    text += utc ? "Z" : "";
-    return text;
+    char text[64];
+    char *end = std::to_chars(text, text + 32, parts.tm_year + 1900LL).ptr;
+    end = writeDigits(end, '-', parts.tm_mon + 1);
+    end = writeDigits(end, '-', parts.tm_mday);
+    end = writeDigits(end, ' ', parts.tm_hour);
+    end = writeDigits(end, ':', parts.tm_min);
+    end = writeDigits(end, ':', parts.tm_sec);
+    if (utc) {
+        *end++ = 'Z';
+    }
+    return {text, end};
 }
 
-std::optional<time_t> timeOfName(const std::string &name) {
+std::optional<time_t> timeOfName(const char *name) {
     time_t time = 0;
-    if (name.compare(0, 3, "GMT") != 0 || QOVAShareSnapTimeGet(name.c_str(), &time) != 0) {
+    if (std::strncmp(name, "GMT", 3) != 0 || QOVAShareSnapTimeGet(name, &time) != 0) {
         return std::nullopt;
     }
     return time;

@@ -14,7 +14,10 @@ namespace command {
 [[nodiscard]] std::string shownTime(time_t time, bool utc);
 
 // The time in a snapshot's name; nothing for a name of another make.
-[[nodiscard]] std::optional<time_t> timeOfName(const std::string &name);
+[[nodiscard]] std::optional<time_t> timeOfName(const char *name);
+[[nodiscard]] inline std::optional<time_t> timeOfName(const std::string &name) {
+    return timeOfName(name.c_str());
+}
 
 // A time as people give it: 2026-01-02, "2026-01-02 03:04[:05]" or with a T, with Z for UTC, @SECONDS, a snapshot's
 // name, or a duration that lies so long in the past. Throws a Failure (usage) that names the option.
