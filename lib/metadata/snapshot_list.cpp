@@ -38,7 +38,7 @@ public:
 
     // False at the end of the file and after a read error, which counts as the end.
     [[nodiscard]] bool next() {
-        if (std::feof(pStream_) != 0 || std::ferror(pStream_) != 0) {
+        if (feof_unlocked(pStream_) != 0 || ferror_unlocked(pStream_) != 0) {
             return false;
         }
         const ssize_t cbRead = getdelim(&szLine_, &cbBuffer_, '\n', pStream_);

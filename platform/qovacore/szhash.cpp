@@ -144,8 +144,12 @@ int find(const Hash *pHash, std::string_view key) {
     if (pHash->nSlot != 0) {
         return pHash->pIndex[slotOf(pHash, key)];
     }
+    // Keys tend to be few and short: most of the others differ in length or at their first byte.
+    const char cFirst = key.empty() ? '\0' : key.front();
     for (int i = 0; i < pHash->head.nPair; ++i) {
-        if (keyAt(pHash, i) == key) {
+        const Pair *pPair = pairAt(pHash, i);
+        const char *pKey = bytes(pHash) + pPair->nKey;
+        if (pPair->cbKey == key.size() && *pKey == cFirst && memcmp(pKey, key.data(), key.size()) == 0) {
             return i;
         }
     }
