@@ -2,7 +2,14 @@
 
 find_package(Threads REQUIRED)
 set(Boost_NO_WARN_NEW_VERSIONS ON)
-find_package(Boost 1.74 REQUIRED COMPONENTS serialization)
+# As a static library, where there is one: the snapshot library needs a small part of it, and every program that loads
+# the snapshot library would load and link the whole at its start.
+set(Boost_USE_STATIC_LIBS ON)
+find_package(Boost 1.74 QUIET COMPONENTS serialization)
+if(NOT Boost_SERIALIZATION_FOUND)
+    set(Boost_USE_STATIC_LIBS OFF)
+    find_package(Boost 1.74 REQUIRED COMPONENTS serialization)
+endif()
 find_package(CLI11 REQUIRED)
 find_package(nlohmann_json REQUIRED)
 if(SHARESNAP_TESTS)

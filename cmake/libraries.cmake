@@ -22,7 +22,8 @@ endif()
 function(sharesnap_shared_library name)
     set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
                                              CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden
-                                             VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN")
+                                             VISIBILITY_INLINES_HIDDEN ON
+                                             INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON)
     target_link_options(${name} PRIVATE -Wl,--as-needed)
     if(NOT SHARESNAP_SANITIZE)
         target_link_options(${name} PRIVATE -Wl,--no-undefined)
