@@ -64,6 +64,7 @@ struct Export {
     Outcomes outcomes = {};
     std::vector<std::string> makes = {}; // beginnings of paths that may come into being
     int error = 0;                       // errno of the failures; 0 for the table's own
+    std::vector<std::string> only = {};  // the functions that fail; empty for all
 };
 
 using Prepare = std::function<void()>;
@@ -146,6 +147,7 @@ inline size_t sweep(const Export &exported, const Prepare &prepare, const Operat
     testkit::Sweep run;
     run.function = exported.function;
     run.error = exported.error;
+    run.only = exported.only;
     run.prepare = [&] {
         if (prepare) {
             prepare();
