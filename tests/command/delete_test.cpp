@@ -92,6 +92,19 @@ TEST_F(DeleteVerb, UnknownNamesAreNotFoundAndTheOthersGo) {
     EXPECT_EQ(3U, listed({"--hidden"}).size());
 }
 
+TEST_F(DeleteVerb, ANameIsNotFoundInAShareThatNeverHadASnapshot) {
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "fresh", "/vol1/fresh"}), done));
+    const auto result = sharesnap({"delete", "fresh", "nope", old1});
+    EXPECT_TRUE(ends(result, notFound));
+    EXPECT_TRUE(says(result, {"\"nope\"", "SNAP_RESULT_NOT_FOUND"}));
+    // One that stands on the volume without a list isn't unknown.
+    ASSERT_EQ(0, unlink("/vol1/@sharesnap/@docs.meta"));
+    const auto unlisted = sharesnap({"delete", "docs", old1, "nope"});
+    EXPECT_TRUE(ends(unlisted, failed));
+    EXPECT_TRUE(says(unlisted, {"sharesnap sync docs"}));
+    EXPECT_TRUE(testkit::exists(snapshotPath(old1)));
+}
+
 TEST_F(DeleteVerb, AHeldOneStaysAndItsHolderIsNamed) {
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(ends(sharesnap({"hold", "add", "docs", old1, "backup"}), done));

@@ -11,7 +11,9 @@
 #include "verbs.h"
 #include "volume_tree.h"
 
+#include <sharesnap/frame.h>
 #include <sharesnap/lifecycle.h>
+#include <sharesnap/metadata.h>
 #include <sharesnap/platform/error.h>
 
 #include <algorithm>
@@ -106,6 +108,14 @@ void addHolders(const QOVASHARE &share, Outcome &outcome) {
     }
 }
 
+// A share that never had a snapshot has no list, without which the library deletes nothing: a name that isn't on the
+// volume either is unknown then.
+bool isUnknown(const QOVASHARE &share, const std::string &snapshot) {
+    char path[pathSize] = "";
+    return SnapMetaGetOrCreateFile(&share, path, sizeof(path), 0) == 0 &&
+           QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)) == 0;
+}
+
 std::string heldText(const Outcome &outcome) {
     return outcome.holds.empty() ? "held" : "held by " + holdsText(outcome.holds);
 }
@@ -124,6 +134,8 @@ std::vector<Outcome> deleteBatch(const QOVASHARE &share, const std::vector<std::
         (void)QLIBCMResultGetCoreErrorByIndex(results.get(), static_cast<int>(i), &outcome.code);
         if (outcome.code == SNAP_RESULT_LOCKED) {
             addHolders(share, outcome);
+        } else if (outcome.code != 0 && isUnknown(share, outcome.snapshot)) {
+            outcome.code = SNAP_RESULT_NOT_FOUND;
         } else if (outcome.code != 0) {
             outcome.reason = reason;
         }
@@ -299,7 +311,8 @@ void waitForFileSystem(const QOVASHARE &share) {
                               std::to_string(count) + " of " + named(share),
                           "see who has files in them open (lsof), or don't wait");
         }
-        progress.show("the file system is cleaning up " + std::to_string(count) + " snapshots");
+        progress.show("the file system is cleaning up " + std::to_string(count) +
+                      (count == 1 ? " snapshot" : " snapshots"));
         usleep(pause);
     }
 }

@@ -17,8 +17,6 @@
 namespace command {
 namespace {
 
-constexpr size_t pathSize = 4096;
-
 std::string firstComponent(const std::string &path) {
     return path.substr(0, path.find('/', 1));
 }

@@ -8,6 +8,9 @@
 
 namespace command {
 
+// Of the buffers for paths, in bytes.
+inline constexpr size_t pathSize = 4096;
+
 // The share's record. Throws a Failure: no such share, or the database can't be read.
 [[nodiscard]] Share requireShare(const std::string &name);
 
