@@ -166,6 +166,17 @@ TEST_F(Selector, AddingRefusesTimeDataWithoutATime) {
     EXPECT_EQ(before, chain.get()->pNext);
 }
 
+TEST_F(Selector, CheckLooksAtTheDataOfTheTimeSelectorAlone) {
+    std::string time = ">=GMT-2024.05.01-12.00.00";
+    EXPECT_EQ(0, SnapSelectorCheck(QOVAShareSnapTimeSelector, time.data()));
+    for (std::string data : {"yesterday", ">GMT-yesterday", "", "2024.05.01-12.00.00"}) {
+        EXPECT_EQ(-1, SnapSelectorCheck(QOVAShareSnapTimeSelector, data.data())) << data;
+        EXPECT_EQ(0, SnapSelectorCheck(QOVAShareSnapAttrSelector, data.data())) << data;
+        EXPECT_EQ(0, SnapSelectorCheck(QOVAShareSnapCommonSelector, data.data())) << data;
+    }
+    EXPECT_TRUE(testkit::nothingFailed());
+}
+
 TEST_F(Selector, FreeingAcceptsTheEmptyChain) {
     QOVAShareSnapEnumFree(nullptr);
 }

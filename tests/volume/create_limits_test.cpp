@@ -52,6 +52,44 @@ TEST_F(SnapCreateLimit, RepairsADriftedCounterBeforeItRefuses) {
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Force sync snapcount and retry."));
 }
 
+// The one takes the counter for true, the other counts before it refuses.
+TEST_F(SnapCreateLimit, CheckTakesTheCounterForTrueAndTheRetryRepairsIt) {
+    limitShare(2);
+    (void)take();
+    testkit::logClear();
+    EXPECT_EQ(0, QOVAShareSnapCheckReachMaxSnapshot(share));
+    EXPECT_EQ(0, QOVAShareSnapCheckMaxRetry(share));
+    EXPECT_TRUE(testkit::nothingFailed());
+    for (const int drifted : {2, 3, 700}) {
+        storeCount(drifted);
+        setCode(0);
+        EXPECT_EQ(-1, QOVAShareSnapCheckReachMaxSnapshot(share)) << drifted;
+        EXPECT_EQ(0x1500U, QLIBCErrGet());
+        EXPECT_EQ(drifted, storedCount());
+        EXPECT_TRUE(testkit::nothingFailed());
+        EXPECT_EQ(0, QOVAShareSnapCheckMaxRetry(share)) << drifted;
+        EXPECT_EQ(1, storedCount());
+        EXPECT_EQ(1U, testkit::logCount(LOG_ERR, "Force sync snapcount and retry."));
+        testkit::logClear();
+    }
+    (void)take();
+    for (const auto check : {QOVAShareSnapCheckReachMaxSnapshot, QOVAShareSnapCheckMaxRetry}) {
+        setCode(0);
+        EXPECT_EQ(-1, check(share));
+        EXPECT_EQ(0x1500U, QLIBCErrGet());
+        EXPECT_EQ(2, storedCount());
+    }
+}
+
+// What can't be told isn't taken for room, and the retry may find it out.
+TEST_F(SnapCreateLimit, RetryAsksOnceMoreWhenTheSystemCannotTell) {
+    int asked = 0;
+    const testkit::Replacement<int()> unknown("QOVABtrfsSnapCountReachMaxCheck", [&] { return ++asked == 1 ? -1 : 0; });
+    EXPECT_EQ(0, QOVAShareSnapCheckMaxRetry(share));
+    EXPECT_EQ(2, asked);
+    EXPECT_EQ(0, QOVAShareSnapCheckReachMaxSnapshot(share));
+}
+
 TEST_F(SnapCreateLimit, IsOfTheSystemToo) {
     const testkit::Replacement<int()> reached("QOVABtrfsSnapCountReachMaxCheck", [] { return -2; });
     EXPECT_EQ(-1, create());

@@ -248,6 +248,14 @@ TEST_F(GlobalSnapCount, SumsAllShares) {
     EXPECT_EQ(2, QOVAShareSnapGetGlobalSnapCount());
 }
 
+TEST_F(GlobalSnapCount, IsCountedAnewOnlyWhenAskedTo) {
+    writeSections();
+    EXPECT_EQ(7, ShareSnapGlobalSnapCountGet(0));
+    EXPECT_EQ(7, ShareSnapGlobalSnapCountGet(0)); // nothing was stored
+    EXPECT_EQ(2, ShareSnapGlobalSnapCountGet(1));
+    EXPECT_EQ(2, ShareSnapGlobalSnapCountGet(0));
+}
+
 TEST_F(GlobalSnapCount, PassesAShareOverThatCannotBeFetched) {
     testkit::Fault fault("QOVAShareGet", 1, 0, -1, 0x2200);
     EXPECT_EQ(4, QOVAShareSnapGetGlobalSnapCount());

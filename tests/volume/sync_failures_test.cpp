@@ -209,6 +209,18 @@ TEST_F(SyncFailure, LostShareOfAVolumeIsToldAndPassedOver) {
     EXPECT_EQ(Names{"c"}, names.all());
 }
 
+TEST_F(SyncFailure, LostShareOfTheSumIsToldAndAddsNothing) {
+    ASSERT_EQ("", testkit::makeShare("other"));
+    const testkit::SharePointer other = testkit::getShare("other");
+    ASSERT_EQ(5, QOVAShareSnapUpdateSnapCountEx(other.get(), 5, 1));
+    EXPECT_EQ(7, QOVAShareSnapGetGlobalSnapCount());
+    lostItem = "docs";
+    EXPECT_EQ(5, QOVAShareSnapGetGlobalSnapCount());
+    lostItem.clear();
+    EXPECT_TRUE(testkit::loggedMatch(
+        LOG_ERR, "^snapshot_snapcount\\.cpp:[0-9]+ Failed to get element from list\\[0x[0-9A-F]{4} .*\\]$"));
+}
+
 // One that can't be reconciled doesn't keep the others from it.
 TEST_F(SyncFailure, ShareThatCannotBeReconciledIsToldAndTheOthersAre) {
     ASSERT_EQ("", testkit::makeShare("archive"));
