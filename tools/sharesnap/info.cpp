@@ -63,7 +63,7 @@ std::vector<Setting> frozenSettings(const QOVASHARE &share, const std::string &s
         throw Failure(exitNotFound, what + " holds no configuration",
                       "snapshots taken without --no-share-info hold one");
     }
-    char path[4096] = "";
+    char path[pathSize] = "";
     (void)QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)); // it was found just now
     // Inside a snapshot the data lie open at its own path, also those of an encrypted share's back end.
     QOVASHARE record = share;

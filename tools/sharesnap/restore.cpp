@@ -53,7 +53,7 @@ void requireNothingNested(const QOVASHARE &share, const std::string &volume, con
 
 std::string snapshotPath(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
     (void)requireSnapshot(share, snapshot); // its absence is what is wanted
-    char path[4096] = "";
+    char path[pathSize] = "";
     if (QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)) != 1) {
         throw Failure(exitNotFound, what + ": snapshot " + quoted(snapshot) + " is not at " + printable(path),
                       "`sharesnap sync " + printable(share.szName) + "` takes it from the list");
@@ -132,7 +132,7 @@ private:
 std::string keepPresent(const QOVASHARE &share, const std::string &snapshot, const std::string &what) {
     Hash attributes = newHash();
     setValue(attributes, "desc", "before the restore to " + snapshot);
-    char name[4096] = "";
+    char name[pathSize] = "";
     forgetCause();
     if (ShareSnapCreateNameConflictRetry(&share, name, sizeof(name), attributes.address(), retries) != 0) {
         throw libraryFailure(what + ": its present state can't be kept as a snapshot", share, causeNow());

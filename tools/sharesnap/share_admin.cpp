@@ -97,7 +97,7 @@ void makeSubvolume(const QOVASHARE &share, const std::string &what) {
 }
 
 std::string metadataPath(const QOVASHARE &share, int &result) {
-    char path[4096] = "";
+    char path[pathSize] = "";
     forgetCause();
     result = SnapMetaGetOrCreateFile(&share, path, sizeof(path), 0);
     return path;
@@ -133,7 +133,7 @@ void requireNoSnapshots(const QOVASHARE &share, const std::string &what) {
 
 // Removes what the snapshots left behind when the last of them went.
 void clean(const QOVASHARE &share, const std::string &what) {
-    char directory[4096] = "";
+    char directory[pathSize] = "";
     if (SnapGetOrCreateSubvolumeWithShare(&share, "@sharesnap", directory, sizeof(directory), 0) == 1) {
         forgetCause();
         if (QOVABtrfsDeleteSubvolFaultTolerant(directory) < 0) {

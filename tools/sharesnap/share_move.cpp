@@ -99,14 +99,14 @@ private:
     }
 
     [[nodiscard]] bool hasList(const QOVASHARE &share) const {
-        char path[4096] = "";
+        char path[pathSize] = "";
         forgetCause();
         const int result = SnapMetaGetOrCreateFile(&share, path, sizeof(path), 0);
         return stands(result, "its list of snapshots " + printable(path));
     }
 
     [[nodiscard]] bool hasSnapshots(const QOVASHARE &share) const {
-        char path[4096] = "";
+        char path[pathSize] = "";
         forgetCause();
         const int result = SnapGetOrCreateSubvolumeWithShare(&share, "@sharesnap", path, sizeof(path), 0);
         return stands(result, "its snapshots " + printable(path));

@@ -29,8 +29,8 @@ QOVASHARE recordWith(const QOVASHARE &share, std::string &name, std::string &pat
 
 // Snapshots of a share that had this name before would get mixed up with those of this one.
 void requireNoLeftovers(const QOVASHARE &share, const std::string &what) {
-    char list[4096] = "";
-    char directory[4096] = "";
+    char list[pathSize] = "";
+    char directory[pathSize] = "";
     const bool hasList = SnapMetaGetOrCreateFile(&share, list, sizeof(list), 0) != 0;
     const bool hasDirectory =
         SnapGetOrCreateSubvolumeWithShare(&share, "@sharesnap", directory, sizeof(directory), 0) != 0;

@@ -29,7 +29,7 @@ struct Facts {
 Facts gatherFacts(const QOVASHARE &share, const std::string &snapshot) {
     Facts facts;
     facts.attributes = pairsOf(requireSnapshot(share, snapshot).get());
-    char path[4096] = "";
+    char path[pathSize] = "";
     facts.onVolume = QOVAShareSnapGetSnapPath(&share, snapshot.c_str(), path, sizeof(path)) == 1;
     facts.path = path;
     facts.frozenConfiguration = facts.onVolume && QOVAShareSnapHasShareInfoFile(&share, snapshot.c_str()) == 1;

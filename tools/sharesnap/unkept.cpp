@@ -24,7 +24,7 @@ std::string cantKeep(const std::string &path) {
 }
 
 std::string snapshotDirectory(const QOVASHARE &share, const std::string &what) {
-    char path[4096] = "";
+    char path[pathSize] = "";
     forgetCause();
     if (QOVAShareSnapGetOrCreateSnapDir(&share, path, sizeof(path), 1) != 1) {
         throw libraryFailure(what + ": no directory for it", share, causeNow());
