@@ -25,7 +25,7 @@ namespace {
 constexpr int kMutations = 5000;
 constexpr size_t kLargest = 1 << 16;
 constexpr size_t kMostBytes = size_t{64} << 20; // for an input; another one for all that are kept
-constexpr unsigned kMostSeconds = 100;          // for what takes milliseconds: the machine may be slow
+constexpr unsigned kMostSeconds = 60;           // for what takes milliseconds: the machine may be slow
 
 std::string current; // the input that is being tried
 
@@ -60,14 +60,14 @@ void printInputOnSignals() {
     if (sigaltstack(&alternate, nullptr) < 0) {
         std::perror("sigaltstack");
     }
-    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) {
+    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGPROF}) {
         (void)sigaction(number, &action, nullptr);
     }
 }
 
 bool taken(const std::string &input) {
     current = input;
-    (void)alarm(kMostSeconds);
+    testkit::boundSeconds(kMostSeconds);
     (void)LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(current.data()), current.size());
     return fuzzInputTaken;
 }

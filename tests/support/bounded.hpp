@@ -11,6 +11,7 @@
 #include <new>
 #include <string>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -59,8 +60,16 @@ inline void boundMemory(size_t cbMore) {
     });
 }
 
+// From here on the process is ended by SIGPROF after so many seconds of processor time: how long it has to wait for its
+// turn on a busy machine doesn't count. Each call begins anew.
+inline void boundSeconds(unsigned seconds) {
+    itimerval timer{};
+    timer.it_value.tv_sec = static_cast<time_t>(seconds);
+    (void)setitimer(ITIMER_PROF, &timer, nullptr);
+}
+
 // Runs work in a child, which is ended when it takes more memory or more time; work that consists of many steps gives
-// each of them the whole time by alarm(seconds). Empty when it came to its end and no expectation failed in it.
+// each of them the whole time by boundSeconds. Empty when it came to its end and no expectation failed in it.
 template <class Work>
 std::string endsWithin(unsigned seconds, size_t cbMost, const Work &work) {
     std::fflush(nullptr);
@@ -69,7 +78,7 @@ std::string endsWithin(unsigned seconds, size_t cbMost, const Work &work) {
         return "no child";
     }
     if (child == 0) {
-        (void)alarm(seconds);
+        boundSeconds(seconds);
         boundMemory(cbMost);
         try {
             work();
@@ -84,7 +93,7 @@ std::string endsWithin(unsigned seconds, size_t cbMost, const Work &work) {
     rusage usage{};
     while (wait4(child, &status, 0, &usage) < 0 && errno == EINTR) {}
     if (WIFSIGNALED(status)) {
-        return WTERMSIG(status) == SIGALRM ? "it doesn't end" : "ended by signal " + std::to_string(WTERMSIG(status));
+        return WTERMSIG(status) == SIGPROF ? "it doesn't end" : "ended by signal " + std::to_string(WTERMSIG(status));
     }
     if (WEXITSTATUS(status) != 0) {
         return "exit status " + std::to_string(WEXITSTATUS(status));
