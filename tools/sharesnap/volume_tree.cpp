@@ -137,8 +137,12 @@ void putSnapshot(SnapTree &tree, const std::string &share, const std::string &sn
         return;
     }
     BaseNode *below = owner;
-    size_t steps = owner->listSnapshots().size();
-    while (steps-- > 0 && isOwnSnapshot(below->parent(), share) && isNewer(below->parent(), snapshot)) {
+    const auto newerIsAbove = [&] {
+        return isOwnSnapshot(below->parent(), share) && isNewer(below->parent(), snapshot);
+    };
+    // As a rule it is the newest one, and nobody has to count the others.
+    size_t steps = newerIsAbove() ? owner->listSnapshots().size() : 0;
+    while (steps-- > 0 && newerIsAbove()) {
         BaseNode *parent = tree.getNode(below->parent());
         if (parent == nullptr) {
             break;
