@@ -237,7 +237,7 @@ private:
                 return entry.second;
             }
         }
-        const unsigned int number = (made_++ * 7919U + choice) % 3000U * 28U;
+        const unsigned int number = (made_++ * 7919U + choice) % 40U * 2000U;
         *time = static_cast<long>(number);
         if (choice % 9 == 0) {
             *time = -1;
