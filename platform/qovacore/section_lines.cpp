@@ -36,24 +36,26 @@ bool isComment(std::string_view line) {
 
 namespace {
 
-// splitPair for a line that is text to its end.
-bool splitText(std::string_view text, std::string_view &key, std::string_view &value) {
+// Where the '=' of a pair stands in a line that is text to its end; 0 when the line is no pair.
+size_t signOf(std::string_view text) {
     if (isComment(text) || endsSection(text)) {
-        return false;
+        return 0;
     }
     const size_t nSign = text.find('=');
-    if (nSign == std::string_view::npos || nSign == 0) {
-        return false;
-    }
-    key = text.substr(0, nSign);
-    value = text.substr(nSign + 1);
-    return true;
+    return nSign != std::string_view::npos ? nSign : 0;
 }
 
 } // namespace
 
 bool splitPair(std::string_view line, std::string_view &key, std::string_view &value) {
-    return splitText(lineText(line), key, value);
+    const std::string_view text = lineText(line);
+    const size_t nSign = signOf(text);
+    if (nSign == 0) {
+        return false;
+    }
+    key = text.substr(0, nSign);
+    value = text.substr(nSign + 1);
+    return true;
 }
 
 UniqueFd openRegular(int fdDirectory, const char *szPath, bool blFollow, struct stat &status) {
@@ -214,12 +216,12 @@ int QLIBCFileParseSectionName(const char *szLine, char *szBuf, size_t cbBuf) {
 }
 
 int QLIBCStrSepPair(const char *szLine, QLIBCSZLIST **ppList) {
-    std::string_view key;
-    std::string_view value;
-    if (szLine == nullptr || ppList == nullptr || *ppList == nullptr ||
-        !splitText({szLine, static_cast<size_t>(strchrnul(szLine, '\n') - szLine)}, key, value)) {
+    const std::string_view text =
+        szLine != nullptr ? std::string_view(szLine, static_cast<size_t>(strchrnul(szLine, '\n') - szLine)) : "";
+    const size_t nSign = signOf(text);
+    if (nSign == 0 || ppList == nullptr || *ppList == nullptr) {
         QOVACORE_SET_CODE_ERRNO(SNAP_ERR_BAD_PARAMETER, EINVAL);
         return -1;
     }
-    return pushText(ppList, key) < 0 || pushText(ppList, value) < 0 ? -1 : 0;
+    return pushPair(ppList, text, nSign) < 0 ? -1 : 0;
 }

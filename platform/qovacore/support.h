@@ -66,6 +66,8 @@ private:
 
 // QLIBCSzListPush for a text of known length, to a list that is there.
 [[nodiscard]] int pushText(QLIBCSZLIST **ppList, std::string_view text);
+// The same for the two texts ahead of the sign at nSign and behind it. On failure the first may have been pushed.
+[[nodiscard]] int pushPair(QLIBCSZLIST **ppList, std::string_view text, size_t nSign);
 
 } // namespace qovacore
 

@@ -48,6 +48,10 @@ size_t offsetBytes(const List *pList) {
     return static_cast<size_t>(pList->head.nItem) * sizeof(size_t);
 }
 
+size_t freeBytes(const List *pList) {
+    return pList->cbBlock - pList->cbTextEnd - offsetBytes(pList);
+}
+
 // A block for the given number of bytes, rounded so that the offsets at its end are aligned.
 List *newBlock(size_t cbBlock) {
     if (cbBlock > static_cast<size_t>(PTRDIFF_MAX) - sizeof(size_t)) {
@@ -141,7 +145,7 @@ int qovacore::pushText(QLIBCSZLIST **ppList, std::string_view text) {
         QOVACORE_SET_CODE_ERRNO(SNAP_ERR_OUT_OF_MEMORY, ENOMEM);
         return -1;
     }
-    if (pList->cbBlock - pList->cbTextEnd - offsetBytes(pList) < cbText + sizeof(size_t)) {
+    if (freeBytes(pList) < cbText + sizeof(size_t)) {
         List *pNew = grownCopy(pList, cbText);
         if (pNew == nullptr) {
             QOVACORE_SET_CODE_ERRNO(SNAP_ERR_OUT_OF_MEMORY, ENOMEM);
@@ -160,6 +164,24 @@ int qovacore::pushText(QLIBCSZLIST **ppList, std::string_view text) {
     if (pOld != nullptr) {
         free(pOld); // only now: the new text may be an item of the list itself
     }
+    return pList->head.nItem;
+}
+
+int qovacore::pushPair(QLIBCSZLIST **ppList, std::string_view text, size_t nSign) {
+    List *pList = asList(*ppList);
+    if (freeBytes(pList) < text.size() + 1 + 2 * sizeof(size_t) || pList->head.nItem > INT_MAX - 2) {
+        return pushText(ppList, text.substr(0, nSign)) < 0 ? -1 : pushText(ppList, text.substr(nSign + 1));
+    }
+    // The texts of a list stand one behind the other, so both come with one copy, and the sign becomes the end of the key.
+    char *pPlace = reinterpret_cast<char *>(pList) + pList->cbTextEnd;
+    memcpy(pPlace, text.data(), text.size());
+    pPlace[nSign] = '\0';
+    pPlace[text.size()] = '\0';
+    size_t *pOffset = offsetAt(pList, pList->head.nItem + 1);
+    pOffset[1] = pList->cbTextEnd;
+    pOffset[0] = pList->cbTextEnd + nSign + 1;
+    pList->cbTextEnd += text.size() + 1;
+    pList->head.nItem += 2;
     return pList->head.nItem;
 }
 
