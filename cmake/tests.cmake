@@ -101,7 +101,7 @@ foreach(kind unit volume neighbours faults command crash consumer)
             set(arguments EXTRA_ARGS --simulated)
         endif()
         gtest_discover_tests(${program} ${arguments} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120 TEST_PREFIX "${kind}/${name}/"
-                             PROPERTIES LABELS ${kind} TIMEOUT 300 SKIP_RETURN_CODE 77)
+                             PROPERTIES LABELS ${kind} TIMEOUT 900 SKIP_RETURN_CODE 77)
     endforeach()
 endforeach()
 

@@ -192,6 +192,11 @@ struct Zone {
     const char *name;
 };
 
+// In the tests' names: the addresses of the texts are others in each run.
+void PrintTo(const Zone &zone, std::ostream *out) {
+    *out << zone.variable;
+}
+
 class SnapCreateZone : public Fixture, public testing::WithParamInterface<Zone> {};
 
 TEST_P(SnapCreateZone, NamesByLocalTimeWhenTheShareAsksForIt) {
