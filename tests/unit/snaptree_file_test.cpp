@@ -421,7 +421,7 @@ void onASmallStack(int snaps) {
 }
 
 TEST_F(TreeFile, LongChainGoesThroughItsFileOnASmallStack) {
-    // Under valgrind everything takes a hundred times as long, and a shorter chain needs too much stack as well.
+    // Where it takes too long: a shorter chain needs too much stack as well.
     const int snaps = testkit::hasOwnMemory() || std::getenv("SHARESNAP_LONG") != nullptr ? 100000 : 10000;
     const std::string failure = testkit::endsWithin(200, size_t{1} << 30, [&] { onASmallStack(snaps); });
     EXPECT_EQ("", failure);

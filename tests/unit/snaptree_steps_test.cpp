@@ -245,7 +245,7 @@ using TreeSteps = testkit::SandboxTest;
 
 TEST_F(TreeSteps, AreFollowedInDamagedTrees) {
     const char *wanted = std::getenv("SHARESNAP_TREE_SEQUENCES");
-    const unsigned long trees = wanted == nullptr ? 1000 : std::strtoul(wanted, nullptr, 10);
+    const unsigned long trees = wanted == nullptr ? 600 : std::strtoul(wanted, nullptr, 10);
     const Names names;
     std::mt19937 random(20260103);
     size_t done[4] = {};
