@@ -10,6 +10,7 @@
 #include <set>
 #include <sharesnap/config.h>
 #include <sharesnap/platform/quota.h>
+#include <sys/wait.h>
 
 #include "support/bounded.hpp"
 
@@ -19,10 +20,12 @@ namespace {
 
 using Lines = std::set<std::string>;
 
-// Without the place in the source that it begins with; what the register tells is shown as [].
+// Without the place in the source that it begins with; what the register tells is shown as [], a process number as N.
 std::string plain(const std::string &line) {
     static const std::regex code("\\[0x[0-9A-F]{4} [^\\]]*\\]");
     std::string text = std::regex_replace(line.substr(std::min(line.find(' '), line.size() - 1) + 1), code, "[]");
+    static const std::regex process("PID([[(])[0-9]+");
+    text = std::regex_replace(text, process, "PID$1N");
     while (!text.empty() && text.back() == '\n') {
         text.pop_back();
     }
@@ -338,6 +341,74 @@ TEST_F(Messages, OfARefreshedSection) {
                "Failed to set mulit attr share(docs) snapshot(" + name + ").[]",
                "Failed to change share(docs) snapshot(" + name + ") meta section.[]",
                "Failed to sync share(docs)'s snapshot count.[]", "Failed to sync share(docs) meta.[]"});
+}
+
+TEST_F(Messages, OfATaskInAProcessOfItsOwn) {
+    Lines lines;
+    const auto run = [&](const char *symbol, size_t nth, const TimeLimitTask &task, unsigned long seconds) {
+        testkit::logClear();
+        int status = 0;
+        int outcome = 0;
+        {
+            const testkit::Fault fault(symbol, nth, EPERM);
+            outcome = ShareSnapTimeLimitFork(seconds, &task, &status);
+            EXPECT_EQ(fault.met() ? -1 : 0, outcome) << symbol; // a build calls one of two names
+        }
+        for (const testkit::LogLine &line : testkit::logLines()) {
+            if (line.priority == LOG_ERR && line.pid == getpid()) {
+                lines.insert(plain(line.text));
+            }
+        }
+        while (waitpid(-1, nullptr, 0) > 0) {} // a child that couldn't be waited for
+    };
+    const TimeLimitTask ends{[](void *) { return 0; }, nullptr};
+    for (const char *symbol : {"fcntl", "fcntl64", "sigaction", "fork", "waitpid"}) {
+        run(symbol, 1, ends, 60);
+    }
+    // One that doesn't end by itself, and whose first signal can't be sent; the call before asks whether it is there.
+    const TimeLimitTask stays{[](void *) {
+                                  (void)alarm(60); // should nobody end it
+                                  for (;;) {
+                                      (void)pause();
+                                  }
+                                  return 0;
+                              },
+                              nullptr};
+    run("kill", 2, stays, 1);
+    EXPECT_EQ(0x2E00U, QLIBCErrGet());
+    expectAll(lines, {"Set flag on pipe fd failed (1)", "Failed to sigaction(), errno:1",
+                      "Failed to fork the new process, errno: 1", "Failed to waid PID[N], errno: 1",
+                      "Failed to kill PID(N) with signal(15), errno: 1"});
+}
+
+// A caller's mistake is told by the name of what it left out.
+TEST_F(Messages, OfMissingArguments) {
+    char text[64] = "";
+    Hash hash;
+    QLIBCSZHASH *none = nullptr;
+    const auto expectTold = [](const std::string &argument, const std::function<int()> &call) {
+        testkit::logClear();
+        setCode(0);
+        EXPECT_EQ(-1, call()) << argument;
+        EXPECT_EQ(0x0D00U, QLIBCErrGet()) << argument;
+        EXPECT_EQ(1U, testkit::logCount(LOG_ERR, " Invaild Argument (" + argument + ")=[0]\n")) << testkit::logText();
+    };
+    expectTold("((void *)0) != szShareName", [&] { return QOVAShareSnapConfList(nullptr, hash.address()); });
+    expectTold("((void *)0) != szShareName", [&] { return QOVAShareSnapConfGet(nullptr, "key", text, sizeof(text)); });
+    expectTold("((void *)0) != szKey", [&] { return QOVAShareSnapConfGet("docs", nullptr, text, sizeof(text)); });
+    expectTold("((void *)0) != szValue", [] { return QOVAShareSnapConfGet("docs", "key", nullptr, 64); });
+    expectTold("((void *)0) != szShareName", [] { return QOVAShareSnapConfSet(nullptr, "key", "value"); });
+    expectTold("((void *)0) != szOrigShareName", [] { return QOVAShareSnapConfUpdate(nullptr, "files", nullptr); });
+    expectTold("((void *)0) != szShareName", [] { return QOVAShareSnapConfDeleteShare(nullptr); });
+    expectTold("((void *)0) != ppList", [] { return QOVAShareSnapConfEnumSection(nullptr); });
+    expectTold("((void *)0) != szTaskId",
+               [&] { return QOVAShareSnapGetShareNameByTaskId(nullptr, text, sizeof(text)); });
+    expectTold("NULL != szShareNameBuf", [] { return QOVAShareSnapGetShareNameByTaskId("42", nullptr, 64); });
+    expectTold("((void *)0) != ppHash", [&] { return QOVAShareSnapShareInfoGetFromShare(docs_, nullptr, 1); });
+    expectTold("NULL != *ppHash", [&] { return QOVAShareSnapShareInfoGetFromShare(docs_, &none, 1); });
+    expectTold("((void *)0) != ppShareInfo",
+               [&] { return QOVAShareSnapShareInfoGetByHash(docs_, hash.get(), nullptr); });
+    expectTold("NULL != szShareSubvolPath", [&] { return ShareSubvolumePathGet(docs_, nullptr, 4096); });
 }
 
 } // namespace
