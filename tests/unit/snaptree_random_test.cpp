@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/bounded.hpp"
 #include "support/files.hpp"
 #include "support/fixtures.hpp"
 #include "support/log_capture.hpp"
@@ -411,7 +412,8 @@ protected:
 
 TEST_F(TreeModel, AgreesWithRandomRewrites) {
     const char *wanted = std::getenv("SHARESNAP_TREE_SEQUENCES");
-    const unsigned long sequences = wanted == nullptr ? 1000 : std::strtoul(wanted, nullptr, 10);
+    const unsigned long usual = testkit::underValgrind() ? 200 : 1000;
+    const unsigned long sequences = wanted == nullptr ? usual : std::strtoul(wanted, nullptr, 10);
     std::mt19937 random(20260102);
     size_t taken = 0;
     for (unsigned long sequence = 0; sequence < sequences; ++sequence) {
