@@ -7,11 +7,6 @@ add_executable(sharesnap ${sources})
 string(COMPARE EQUAL "${CMAKE_INSTALL_LIBDIR}" lib installed_as_built)
 set_target_properties(sharesnap PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
                                            BUILD_WITH_INSTALL_RPATH ${installed_as_built})
-# Most symbols that are looked up at the start are the C++ library's, so it comes first where they are looked for. A
-# sanitizer's runtime wants that place for itself.
-if(NOT SHARESNAP_SANITIZE)
-    target_link_options(sharesnap PRIVATE -Wl,--push-state,--no-as-needed -lstdc++ -Wl,--pop-state)
-endif()
 target_compile_definitions(sharesnap PRIVATE SHARESNAP_VERSION="${PROJECT_VERSION}")
 target_include_directories(sharesnap PRIVATE tools)
 target_link_libraries(sharesnap PRIVATE qovasharesnapshot ${SHARESNAP_PLATFORM_LIBRARIES} CLI11::CLI11
