@@ -34,7 +34,7 @@ void standardProcess() {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const int number : {SIGCHLD, SIGPIPE, SIGTERM, SIGINT, SIGHUP, SIGALRM, SIGUSR1, SIGUSR2}) {
+    for (const int number : {SIGCHLD, SIGPIPE, SIGTERM, SIGINT, SIGHUP, SIGALRM, SIGPROF, SIGUSR1, SIGUSR2}) {
         std::signal(number, SIG_DFL);
     }
     setenv("PATH", "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", 1);

@@ -124,7 +124,7 @@ protected:
             ASSERT_TRUE(testkit::writeFile("/vol1/cushion/" + std::to_string(i), std::string(1500, 'y')));
         }
         syncVolume();
-        for (int round = 0; round < 2; ++round) { // what the first lets go of is filled, too
+        for (int round = 0; round < 3; ++round) { // what the first ones let go of is filled, too
             ASSERT_NO_FATAL_FAILURE(fillWithData());
             syncVolume();
         }

@@ -91,7 +91,14 @@ protected:
             ASSERT_EQ(0, unlink(("/vol1/names/" + std::to_string(i)).c_str()));
         }
         syncVolume();
-        const int file = open(kBallast, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        for (int round = 0; round < 2; ++round) { // what the first lets go of is filled, too
+            ASSERT_NO_FATAL_FAILURE(fillWithData());
+            syncVolume();
+        }
+    }
+
+    static void fillWithData() {
+        const int file = open(kBallast, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         ASSERT_GE(file, 0);
         const std::string block(size_t{1} << 20, 'x');
         size_t piece = block.size();
@@ -102,7 +109,6 @@ protected:
         }
         (void)fsync(file); // here, too
         ASSERT_EQ(0, close(file));
-        syncVolume();
     }
 
     // Room is there when the file system has let go of what was unlinked, not before.
