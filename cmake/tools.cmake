@@ -2,11 +2,11 @@
 
 file(GLOB sources CONFIGURE_DEPENDS tools/sharesnap/*.cpp)
 add_executable(sharesnap ${sources})
-# A RUNPATH that CMake changes when it installs ends in an empty entry until then: the loader would look for each library
-# in the working directory, too.
-string(COMPARE EQUAL "${CMAKE_INSTALL_LIBDIR}" lib installed_as_built)
-set_target_properties(sharesnap PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
-                                           BUILD_WITH_INSTALL_RPATH ${installed_as_built})
+# One RUNPATH for the build folder, whose libraries are in lib, and for the installed program. One that CMake changes when
+# it installs ends in an empty entry until then: the loader would look for each library in the working directory, too.
+set(library_folders "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}" "$ORIGIN/../lib")
+list(REMOVE_DUPLICATES library_folders)
+set_target_properties(sharesnap PROPERTIES INSTALL_RPATH "${library_folders}" BUILD_WITH_INSTALL_RPATH ON)
 target_compile_definitions(sharesnap PRIVATE SHARESNAP_VERSION="${PROJECT_VERSION}")
 target_include_directories(sharesnap PRIVATE tools)
 target_link_libraries(sharesnap PRIVATE qovasharesnapshot ${SHARESNAP_PLATFORM_LIBRARIES} CLI11::CLI11

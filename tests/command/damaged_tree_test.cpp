@@ -195,6 +195,19 @@ TEST_F(DamagedTree, SnapshotsInACircleEndEveryWalk) {
     (void)drawn();
 }
 
+// An object without a name can't be taken out, and holds up nothing else.
+TEST_F(DamagedTree, ObjectWithoutANameStays) {
+    damage([](SnapTree &tree) {
+        for (const char *name : {"", "gone"}) {
+            (void)tree.addObject(ObjectNode(objectName(name), rootName()));
+            tree.getNode(rootName())->addChild(objectName(name));
+        }
+    });
+    EXPECT_TRUE(ends(bounded({"sync", "--all"}), done));
+    EXPECT_EQ(std::string::npos, drawn().find("gone"));
+    expectWorkGoesOn();
+}
+
 // What the share descends from isn't there.
 TEST_F(DamagedTree, MissingParentEndsEveryWalk) {
     const std::string first = take();

@@ -2,15 +2,18 @@
 // makes the tree true again.
 #include "command.hpp"
 
+#include <sharesnap/lifecycle.h>
 #include <sharesnap/platform/share_admin.h>
 #include <sharesnap/platform/subvolume.h>
 #include <sharesnap/snaptree.hpp>
 
 #include <cstdio>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/tree_names.hpp"
+#include "waiting.hpp"
 
 namespace {
 
@@ -65,6 +68,19 @@ protected:
         ASSERT_THAT(drawn(), HasSubstr("\n    object/" + name + "\n"));
     }
 
+    // A share that the tree doesn't know.
+    static void addUnknown(const std::string &name) {
+        ASSERT_TRUE(isDoneWithoutTheTree({"share", "add", name, "/vol1/" + name}));
+        ASSERT_THAT(drawn(), Not(HasSubstr("object/" + name)));
+    }
+
+    static void noteRename(const std::string &from, const std::string &to) {
+        ASSERT_TRUE(testkit::makeDirectories(kNotes));
+        ASSERT_TRUE(testkit::writeFile(std::string(kNotes) + "/" + from, "[rename]\nold_name=" + from +
+                                                                             "\nnew_name=" + to + "\nold_path=/vol1/" +
+                                                                             from + "\nnew_path=/vol1/" + to + "\n"));
+    }
+
     static nlohmann::json trees(const std::vector<std::string> &removed) {
         return {{{"volume", "/vol1"}, {"removed", removed}}};
     }
@@ -76,7 +92,8 @@ TEST_F(TreeRepair, SyncAllDropsARemovedShare) {
     EXPECT_THAT(drawn(), HasSubstr("object/music")) << "one share was asked for";
     const auto result = sharesnap({"sync", "--all"});
     EXPECT_TRUE(ends(result, done));
-    EXPECT_THAT(result.output, HasSubstr("music  -         taken from the tree of /vol1: it is no share\n"));
+    EXPECT_THAT(result.output,
+                HasSubstr("music  -         taken from the tree of /vol1: it is no share of this volume\n"));
     EXPECT_EQ("root\n  object/docs\n", drawn());
     const auto before = file();
     EXPECT_EQ(trees({}), document({"sync", "--all"})["trees"]);
@@ -121,10 +138,7 @@ TEST_F(TreeRepair, ADryRunOnlyTells) {
 TEST_F(TreeRepair, SyncAllKeepsAShareThatIsBeingRenamed) {
     const std::string first = take();
     ASSERT_TRUE(ends(sharesnap({"clone", "docs", "copy", "--snapshot", first}), done));
-    ASSERT_TRUE(testkit::makeDirectories(kNotes));
-    ASSERT_TRUE(
-        testkit::writeFile(std::string(kNotes) + "/docs",
-                           "[rename]\nold_name=docs\nnew_name=papers\nold_path=/vol1/docs\nnew_path=/vol1/papers\n"));
+    noteRename("docs", "papers");
     ASSERT_EQ(0, QOVAShareRecordRename("docs", "papers"));
     EXPECT_EQ(trees({}), document({"sync", "--all"})["trees"]);
     EXPECT_THAT(drawn(), HasSubstr("snap/docs/" + first));
@@ -159,6 +173,18 @@ TEST_F(TreeRepair, SyncAllKeepsTheTreeWhenItCantTell) {
     ASSERT_EQ(0, rename("/etc/sharesnap/away", "/etc/sharesnap/shares.conf"));
     EXPECT_EQ(trees({"music"}), document({"sync", "--all"})["trees"]);
     EXPECT_FALSE(keeps());
+}
+
+// Volumes that nobody can find out aren't taken for none.
+TEST_F(TreeRepair, SyncAllSaysThatItCantFindTheTrees) {
+    leaveStranger("music");
+    // The table of mounts can be opened, and not read.
+    const auto result = testkit::runProcessApart({"unshare", "--mount", "sh", "-c",
+                                                  "mount --bind /proc/$$/mem /proc/$$/mountinfo && exec \"$@\"", "sh",
+                                                  SHARESNAP_COMMAND, "sync", "--all"});
+    EXPECT_TRUE(ends(result, failed));
+    EXPECT_TRUE(says(result, {"can't find out which volumes are mounted"}));
+    EXPECT_THAT(drawn(), HasSubstr("object/music"));
 }
 
 TEST_F(TreeRepair, ANewShareTakesThePlaceOfAnEarlierOne) {
@@ -197,6 +223,102 @@ TEST_F(TreeRepair, ARenamedShareTakesThePlaceOfAnEarlierOne) {
     ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant("/vol1/papers"));
     ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "papers"}), done));
     EXPECT_EQ("root\n  snap/papers/" + first + "\n    object/papers\n", drawn());
+}
+
+TEST_F(TreeRepair, AShareThatTheTreeDoesntKnowIsNoHeirByItsNewName) {
+    const std::string first = take();
+    leaveClone("papers", first);
+    addUnknown("late");
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "late", "papers"}), done));
+    EXPECT_THAT(drawn(), HasSubstr("\n  object/papers\n")) << drawn();
+    EXPECT_THAT(drawn(), Not(HasSubstr("\n    object/papers\n")));
+}
+
+TEST_F(TreeRepair, ARenameThatIsUndoneBringsNoSnapshotsOfAnEarlierShare) {
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "papers", "/vol1/papers"}), done));
+    const std::string earlier = take({}, "papers");
+    ASSERT_TRUE(isDoneWithoutTheTree({"share", "remove", "papers", "--data", "--yes"}));
+    addUnknown("late");
+    const std::string own = take({}, "docs");
+    noteRename("late", "papers");
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "late", "--undo"}), done));
+    EXPECT_THAT(drawn(), HasSubstr("object/late\n"));
+    EXPECT_THAT(drawn(), Not(HasSubstr("snap/late/" + earlier)));
+    EXPECT_THAT(drawn(), Not(HasSubstr("papers")));
+    EXPECT_THAT(drawn(), HasSubstr("snap/docs/" + own));
+}
+
+TEST_F(TreeRepair, ARenameThatTheTreeKnowsKeepsTheDescent) {
+    const std::string first = take();
+    ASSERT_TRUE(ends(sharesnap({"clone", "docs", "copy", "--snapshot", first}), done));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "copy", "papers"}), done));
+    const std::string before = drawn();
+    ASSERT_THAT(before, HasSubstr("\n    object/papers\n"));
+    noteRename("copy", "papers"); // what is left when the command ends right before its last step
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "copy", "--finish"}), done));
+    EXPECT_EQ(before, drawn());
+}
+
+TEST_F(TreeRepair, ARecordThatIsPutBackKeepsTheDescent) {
+    const std::string first = take();
+    ASSERT_TRUE(ends(sharesnap({"clone", "docs", "copy", "--snapshot", first}), done));
+    const std::string before = drawn();
+    noteRename("docs", "papers");
+    ASSERT_EQ(0, QOVAShareRecordRemove("docs"));
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "docs", "/vol1/docs", "--existing"}), done));
+    EXPECT_EQ(before, drawn());
+}
+
+// What was taken meanwhile is deleted, list and all, before the tree is told of it.
+class TreeIsTold : public TreeRepair {
+protected:
+    // The library leaves the tree alone.
+    static void deleteFromDocs(const std::string &snapshot) {
+        const auto share = testkit::getShare("docs");
+        QLIBCSZLIST *names = QLIBCSzListAlloc(512);
+        (void)QLIBCSzListPush(&names, snapshot.c_str());
+        QLIBCMRESULT *results = QLIBCMResultAlloc();
+        EXPECT_EQ(0, QOVAShareSnapDelete(share.get(), names, &results)) << snapshot;
+        QLIBCMResultFree(results);
+        QLIBCSzListFree(names);
+    }
+
+    static void deleteBeforeTheTreeIsTold(const Arguments &arguments, const std::function<std::string()> &which) {
+        testkit::LockHolder holder(treeLock("/vol1"), testkit::LockHolder::exclusive);
+        ASSERT_TRUE(holder.holds());
+        Running running = begin(arguments);
+        ASSERT_TRUE(comesToWait(running, holder, treeLock("/vol1")));
+        deleteFromDocs(which());
+        holder.release();
+        EXPECT_TRUE(ends(running.get(), done));
+    }
+};
+
+TEST_F(TreeIsTold, OfNoSnapshotThatIsGone) {
+    deleteBeforeTheTreeIsTold({"create", "docs"}, [] { return listed().at(0); });
+    EXPECT_EQ("root\n  object/docs\n", drawn());
+}
+
+TEST_F(TreeIsTold, OfNoRestoredSnapshotThatIsGone) {
+    const std::string first = take();
+    ASSERT_TRUE(isDoneWithoutTheTree({"create", "docs"}));
+    const std::string second = listed().at(1);
+    deleteBeforeTheTreeIsTold({"restore", "docs", second}, [&] { return second; });
+    EXPECT_THAT(drawn(), Not(HasSubstr(second)));
+    EXPECT_EQ(2U, listed().size());
+    for (const std::string &name : listed()) {
+        EXPECT_THAT(drawn(), HasSubstr("snap/docs/" + name));
+    }
+    EXPECT_THAT(drawn(), HasSubstr("snap/docs/" + first));
+}
+
+TEST_F(TreeIsTold, OfNoClonedSnapshotThatIsGone) {
+    ASSERT_TRUE(isDoneWithoutTheTree({"create", "docs"}));
+    const std::string only = listed().at(0);
+    deleteBeforeTheTreeIsTold({"clone", "docs", "copy", "--snapshot", only}, [&] { return only; });
+    EXPECT_THAT(drawn(), Not(HasSubstr("snap/")));
+    EXPECT_THAT(drawn(), HasSubstr("object/docs\n"));
+    EXPECT_THAT(drawn(), HasSubstr("object/copy\n"));
 }
 
 // Every verb that comes to the tree does its work and says that the tree can't be read.
@@ -283,6 +405,30 @@ TEST_F(TreeOfALonelyVolume, IsPutRightToo) {
     ASSERT_TRUE(ends(sharesnap({"sync", "--all"}), done));
     EXPECT_EQ("root\n", drawn("/vol2"));
     EXPECT_EQ("root\n  object/docs\n", drawn());
+}
+
+TEST_F(TreeOfALonelyVolume, LosesAShareThatLiesOnAnotherVolumeNow) {
+    ASSERT_EQ("", testkit::Sandbox::mountVolume("/vol2"));
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "docs", "/vol2/docs"}), done));
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "far", "/vol2/far"}), done));
+    ASSERT_TRUE(isDoneWithoutTheTree({"share", "remove", "docs"}, "/vol2/@eaDir/snaptree.bin.broken"));
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "docs", "/vol1/docs"}), done));
+    ASSERT_EQ("root\n  object/docs\n  object/far\n", drawn("/vol2"));
+    ASSERT_TRUE(ends(sharesnap({"sync", "--all"}), done));
+    EXPECT_EQ("root\n  object/far\n", drawn("/vol2"));
+    EXPECT_EQ("root\n  object/docs\n", drawn());
+}
+
+TEST_F(TreeOfALonelyVolume, IsKeptWhenItIsMountedTwice) {
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "docs", "/vol1/docs"}), done));
+    ASSERT_TRUE(testkit::makeDirectories("/again"));
+    ASSERT_EQ(0, mount("/vol1", "/again", nullptr, MS_BIND, nullptr));
+    const auto document = commandtest::document({"sync", "--all"});
+    const std::string tree = drawn();
+    ASSERT_EQ(0, umount2("/again", MNT_DETACH));
+    (void)rmdir("/again");
+    EXPECT_EQ("root\n  object/docs\n", tree);
+    EXPECT_EQ(2U, document["trees"].size());
 }
 
 } // namespace

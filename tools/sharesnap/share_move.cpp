@@ -225,13 +225,13 @@ Share recordOf(const RenameIntent &intent) {
 
 } // namespace
 
-int endRename(const RenameIntent &intent, bool undo) {
+int endRename(const RenameIntent &intent, bool undo, bool first) {
     const Share share = recordOf(intent);
     requireLocked(*share, "can't rename share " + quoted(intent.oldName) + " to " + quoted(intent.newName));
     const RenameIntent direction = undo ? backwards(intent) : intent;
     Move(*share, direction).run();
     const Share renamed = requireShare(direction.newName);
-    const bool treeIsTrue = treeShareRenamed(*renamed, {direction.oldName, direction.newName, intent.newName});
+    const bool treeIsTrue = treeShareRenamed(*renamed, {direction.oldName, direction.newName, intent.newName, first});
     removeIntent(intent);
     return treeIsTrue ? exitDone : exitInPart;
 }

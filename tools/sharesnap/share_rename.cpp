@@ -76,7 +76,7 @@ int beginRename(const ShareRenaming &renaming, const std::string &what) {
     writeIntent(intent);
     try {
         moveStores(*share, between, moved, what);
-        return endRename(intent, false);
+        return endRename(intent, false, true);
     } catch (const Failure &) {
         (void)endRename(intent, true); // when this fails too, its Failure is told, and the note stays
         throw;

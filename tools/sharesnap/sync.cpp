@@ -135,24 +135,36 @@ void syncOne(const std::string &name, bool dryRun, Report &report) {
     addToReport(report, name, before, dryRun);
 }
 
+void syncTree(const std::string &volume, bool dryRun, Report &report) {
+    const std::string would = dryRun ? "would be " : "";
+    const std::vector<std::string> strangers = dryRun ? treeStrangers(volume) : dropTreeStrangers(volume);
+    for (const std::string &name : strangers) {
+        report.table.addRow(
+            {name, "-", would + "taken from the tree of " + printable(volume) + ": it is no share of this volume"});
+    }
+    Json entry = Json::object();
+    entry["volume"] = volume;
+    entry["removed"] = arrayOf(strangers);
+    report.trees.push_back(entry);
+}
+
+void complainOfTree(const Failure &failure, Report &report) {
+    complain(failure.message(), failure.next());
+    report.treesAreTrue = false;
+}
+
 // What the trees have of shares that were removed or renamed while a tree couldn't be rewritten.
 void syncTrees(bool dryRun, Report &report) {
-    const std::string would = dryRun ? "would be " : "";
-    for (const std::string &volume : volumesWithTree()) {
-        try {
-            const std::vector<std::string> strangers = dryRun ? treeStrangers(volume) : dropTreeStrangers(volume);
-            for (const std::string &name : strangers) {
-                report.table.addRow(
-                    {name, "-", would + "taken from the tree of " + printable(volume) + ": it is no share"});
+    try {
+        for (const std::string &volume : volumesWithTree()) {
+            try {
+                syncTree(volume, dryRun, report);
+            } catch (const Failure &failure) { // one bad tree doesn't hinder the others
+                complainOfTree(failure, report);
             }
-            Json entry = Json::object();
-            entry["volume"] = volume;
-            entry["removed"] = arrayOf(strangers);
-            report.trees.push_back(entry);
-        } catch (const Failure &failure) {
-            complain(failure.message(), failure.next());
-            report.treesAreTrue = false;
         }
+    } catch (const Failure &failure) {
+        complainOfTree(failure, report);
     }
 }
 
@@ -211,7 +223,8 @@ void fillSync(Verb &verb) {
     auto arguments = std::make_shared<SyncArguments>();
     verb.takesOptional("SHARE", arguments->share, "Name of the share")
         .flag("--all", arguments->all, "All shares on Btrfs volumes, and what their trees have left of others")
-        .flag("--dry-run", arguments->dryRun, "Only tell what would change")
+        .flag("--dry-run", arguments->dryRun,
+              "Only tell what would change. With --all a tree of the old form is still converted when it is read")
         .runs([arguments, form = &verb.form()] { return syncShares(*arguments, *form); });
 }
 

@@ -1,7 +1,9 @@
 #include "tree_strangers.h"
 
 #include "failure.h"
+#include "handles.h"
 #include "rename_intent.h"
+#include "share_lookup.h"
 #include "text.h"
 #include "volume_tree.h"
 
@@ -28,13 +30,30 @@ bool hasRecord(const std::string &name) {
     return exists != 0;
 }
 
+// One volume can be mounted at several places. What can't be told apart is taken for the same.
+bool isOtherVolume(const std::string &one, const std::string &other) {
+    struct stat first = {};
+    struct stat second = {};
+    return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
+           (first.st_dev != second.st_dev || first.st_ino != second.st_ino);
+}
+
+// A record that can't be used, or lies on a volume that isn't mounted, may well be of this one.
+bool liesElsewhere(const std::string &name, const std::string &volume) {
+    Share share;
+    char own[pathSize] = "";
+    return QOVAShareGet(name.c_str(), share.address()) == 0 &&
+           QOVAShareVolPathGet(share->szPath, own, sizeof(own)) == 0 && isOtherVolume(own, volume);
+}
+
 // Records first, renames afterwards: a rename notes itself before it touches a record, and removes its note after the
-// tree, whose lock we have.
-std::vector<std::string> strangersOf(const SnapTree &tree) {
+// tree, whose lock we have. Only a damaged tree has an object without a name; nothing can be done to that one.
+std::vector<std::string> strangersOf(const SnapTree &tree, const std::string &volume) {
     std::vector<std::string> strangers;
     for (const BaseNode *node : treeNodes(tree)) {
-        if (node->name().type == NODE_OBJECT && !hasRecord(node->name().objectName)) {
-            strangers.push_back(node->name().objectName);
+        const std::string &name = node->name().objectName;
+        if (node->name().type == NODE_OBJECT && !name.empty() && (!hasRecord(name) || liesElsewhere(name, volume))) {
+            strangers.push_back(name);
         }
     }
     if (strangers.empty()) {
@@ -59,8 +78,14 @@ bool hasTree(const std::string &volume) {
 } // namespace
 
 std::vector<std::string> volumesWithTree() {
+    forgetCause();
     const std::unique_ptr<QOVAMOUNTVOLINFO, void (*)(QOVAMOUNTVOLINFO *)> first(
         QOVAMountVolAllEnum(FS_TYPE_BTRFS, 1, 0), QOVAMountVolInfoFree);
+    const Cause cause = causeNow();
+    if (!first && cause.code != 0) { // without a code there is none
+        throw Failure(exitFailed, "can't find out which volumes are mounted [" + codeName(cause.code) + "]",
+                      "see whether /proc is mounted");
+    }
     std::vector<std::string> volumes;
     for (const QOVAMOUNTVOLINFO *volume = first.get(); volume != nullptr; volume = volume->pNext) {
         if (hasTree(volume->szMountPath)) {
@@ -74,7 +99,7 @@ std::vector<std::string> volumesWithTree() {
 std::vector<std::string> treeStrangers(const std::string &volume) {
     SnapTree tree;
     readTree(volume, tree);
-    return strangersOf(tree);
+    return strangersOf(tree, volume);
 }
 
 std::vector<std::string> dropTreeStrangers(const std::string &volume) {
@@ -83,7 +108,7 @@ std::vector<std::string> dropTreeStrangers(const std::string &volume) {
     }
     std::vector<std::string> dropped;
     rewriteTree(volume, [&](SnapTree &tree) {
-        dropped = strangersOf(tree);
+        dropped = strangersOf(tree, volume);
         for (const std::string &name : dropped) {
             treeForget(tree, name);
         }

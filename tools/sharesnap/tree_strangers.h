@@ -1,5 +1,5 @@
-// Shares that a volume's tree has though there is no record of them any more: what is left when a share went while the
-// tree couldn't be rewritten.
+// Shares that a volume's tree has though no record names them any more, or one that lies on another volume: what is left
+// when a share went while the tree couldn't be rewritten.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace command {
 
-// The mounted Btrfs volumes that have a tree.
+// The mounted Btrfs volumes that have a tree. Throws a Failure: they can't be found out.
 [[nodiscard]] std::vector<std::string> volumesWithTree();
 
 // The names of such shares in the tree of a volume. One that is being renamed is none of them. Throws a Failure: the

@@ -113,7 +113,9 @@ bool told(const QOVASHARE &share, const std::function<void(SnapTree &)> &rewrite
 // A change whose ground was prepared is refused only by a damaged tree: nothing of the cycle is saved then.
 void require(int result, const std::string &refused) {
     if (result != 0) {
-        throw Failure(exitFailed, refused, "`sharesnap sync --all` puts the tree right");
+        throw Failure(exitFailed, refused,
+                      "`sharesnap sync --all` puts the tree right; if that says the same, move @eaDir/snaptree.bin of "
+                      "the volume away before");
     }
 }
 
@@ -251,19 +253,25 @@ void renameNodes(SnapTree &tree, const std::string &oldName, const std::string &
     (void)tree.addObject(copy);
 }
 
+// Whatever became of the nodes, in the end the snapshots are those of the list: the nodes that went may have been told of
+// some that the others weren't, and those that stay may be of an earlier share.
 void renameShare(SnapTree &tree, const QOVASHARE &share, const Renaming &renaming) {
     const auto has = [&](const std::string &name) { return tree.getObject(treeObject(name)) != nullptr; };
-    const bool both = has(renaming.from) && has(renaming.to);
-    if (both) {
+    if (has(renaming.to) && (has(renaming.from) || renaming.first)) {
         treeForget(tree, renaming.doubtful);
     }
     if (has(renaming.from)) {
         renameNodes(tree, renaming.from, renaming.to);
     }
-    if (both) {
-        syncShare(tree, share); // the one that went may have been told of snapshots that the other wasn't
-    } else {
-        putShare(tree, share);
+    syncShare(tree, share);
+}
+
+// A delete changes the list first, and the tree afterwards. What it took from the list before we have the tree is gone
+// for good; what is listed now it takes out of the tree itself.
+void takeOutUnlisted(SnapTree &tree, const QOVASHARE &share, const std::string &snapshot) {
+    if (!hasSnapshot(share, snapshot)) {
+        const nodeName name = treeSnapshot(share.szName, snapshot);
+        require(tree.deleteObjectSnap(treeObject(share.szName), name), treeText(name) + " can't be taken out");
     }
 }
 
@@ -298,6 +306,7 @@ bool treeSnapshotTaken(const QOVASHARE &share, const std::string &snapshot) {
     return told(share, [&](SnapTree &tree) {
         putShare(tree, share);
         putSnapshot(tree, share.szName, snapshot);
+        takeOutUnlisted(tree, share, snapshot);
     });
 }
 
@@ -323,6 +332,7 @@ bool treeShareCloned(const QOVASHARE &share, const QOVASHARE &clone, const std::
             putSnapshot(tree, share.szName, snapshot);
             require(tree.insertSnapClone(source, treeSnapshot(share.szName, snapshot), object),
                     treeText(object) + " can't be put in");
+            takeOutUnlisted(tree, share, snapshot);
         }
         syncShare(tree, clone); // somebody may have taken a snapshot of it meanwhile
     });
@@ -334,6 +344,7 @@ bool treeShareRestored(const QOVASHARE &share, const std::string &snapshot) {
         putSnapshot(tree, share.szName, snapshot);
         const nodeName object = treeObject(share.szName);
         require(tree.restoreObject(object, treeSnapshot(share.szName, snapshot)), treeText(object) + " can't be moved");
+        takeOutUnlisted(tree, share, snapshot);
     });
 }
 

@@ -31,6 +31,7 @@ struct Renaming {
     std::string from;
     std::string to;
     std::string doubtful; // whichever of them was to be the new name: in a tree that has both it is not the share's own
+    bool first = false;   // the tree wasn't told before: what it has under the new name is an earlier share's
 };
 [[nodiscard]] bool treeShareRenamed(const QOVASHARE &share, const Renaming &renaming);
 [[nodiscard]] bool treeShareRemoved(const std::string &volume, const std::string &name);
