@@ -7,8 +7,14 @@
 #include <sharesnap/platform/share_admin.h>
 #include <sharesnap/platform/subvolume.h>
 
+#include <chrono>
 #include <cstdio>
+#include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include "waiting.hpp"
 
 namespace {
 
@@ -146,6 +152,102 @@ TEST_F(EncryptedShare, CloneTakesTheBackEnd) {
     }
     EXPECT_EQ("second", testkit::readFile("/vol1/@docs@/cipher"));
     EXPECT_EQ("first", testkit::readFile("/vol1/@sharesnap/@docs@/" + snapshot_ + "/cipher"));
+}
+
+TEST_F(EncryptedShare, EmptyMountPointUnderTheNewNameIsNotInTheWay) {
+    note();
+    ASSERT_EQ(0, mkdir("/vol1/papers", 0755));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--finish"}), done));
+    expectAllUnder("papers", "docs");
+}
+
+TEST_F(EncryptedShare, FilesAtTheNewMountPointAreRefused) {
+    note();
+    ASSERT_EQ(0, mkdir("/vol1/papers", 0755));
+    ASSERT_TRUE(testkit::writeFile("/vol1/papers/strange", "kept"));
+    const auto result = sharesnap({"share", "rename", "docs", "--finish"});
+    EXPECT_TRUE(ends(result, refused));
+    EXPECT_TRUE(says(result, {"/vol1/docs", "/vol1/papers"}));
+    EXPECT_TRUE(testkit::exists("/etc/sharesnap/renames/docs"));
+    EXPECT_EQ("kept", testkit::readFile("/vol1/papers/strange"));
+    ASSERT_EQ(0, unlink("/vol1/papers/strange"));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--finish"}), done));
+    expectAllUnder("papers", "docs");
+}
+
+// The share as it looks while it is mounted; nobody answers in it.
+class Mounted {
+public:
+    Mounted() {
+        const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+        const std::string options = "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0";
+        mounted_ = device >= 0 && mount("/vol1/@docs@", "/vol1/docs", "fuse.gocryptfs", 0, options.c_str()) == 0;
+        (void)close(device); // nothing was written through it
+    }
+    ~Mounted() { unmount(); }
+    Mounted(const Mounted &) = delete;
+    Mounted &operator=(const Mounted &) = delete;
+
+    [[nodiscard]] bool mounted() const { return mounted_; }
+    void unmount() {
+        if (mounted_) {
+            EXPECT_EQ(0, umount2("/vol1/docs", MNT_DETACH));
+            mounted_ = false;
+        }
+    }
+
+private:
+    bool mounted_ = false;
+};
+
+// The plug-ins that are told of a snapshot are waited for.
+TEST_F(EncryptedShare, IsNotRestoredWhenItGetsMountedMeanwhile) {
+    const std::string directory = "/etc/sharesnap/plugins/share_snapshot";
+    const std::string came = testkit::Sandbox::scratch() + "/came";
+    const std::string leave = testkit::Sandbox::scratch() + "/leave";
+    ASSERT_TRUE(testkit::makeDirectories(directory));
+    ASSERT_TRUE(testkit::writeFile(directory + "/wait", "#!/bin/sh\n[ \"$1\" = pre ] || exit 0\n: >" + came +
+                                                            "\nwhile [ ! -e " + leave + " ]; do sleep 0.01; done\n"));
+    ASSERT_EQ(0, chmod((directory + "/wait").c_str(), 0755));
+    ASSERT_TRUE(testkit::writeFile("/vol1/@docs@/cipher", "second"));
+    Running running = begin({"restore", "docs", snapshot_});
+    while (!testkit::exists(came) && running.wait_for(std::chrono::milliseconds(2)) == std::future_status::timeout) {}
+    Mounted view;
+    ASSERT_TRUE(testkit::writeFile("/vol1/@docs@/late", "late"));
+    ASSERT_TRUE(testkit::writeFile(leave, ""));
+    const auto result = running.get();
+    if (!view.mounted()) {
+        GTEST_SKIP() << "no FUSE here";
+    }
+    view.unmount();
+    EXPECT_TRUE(ends(result, refused));
+    EXPECT_EQ("second", testkit::readFile("/vol1/@docs@/cipher"));
+    EXPECT_EQ("late", testkit::readFile("/vol1/@docs@/late"));
+    EXPECT_FALSE(testkit::exists("/vol1/@restore-docs"));
+    const auto snapshots = document({"list", "docs"})["snapshots"];
+    ASSERT_EQ(2U, snapshots.size());
+    EXPECT_TRUE(says(result, {"mounted", snapshots[1].value("name", "?")}));
+}
+
+TEST_F(EncryptedShare, RenameThatCantGoOnOrBackTellsBothAndItsNote) {
+    constexpr char lock[] = "/run/lock/sharesnap/sharesnap_conf.lock";
+    testkit::LockHolder holder(lock, testkit::LockHolder::exclusive);
+    ASSERT_TRUE(holder.holds());
+    Running running = begin({"share", "rename", "docs", "papers"});
+    const bool came = comesToWait(running, holder, lock);
+    Mounted view;
+    holder.release();
+    const auto result = running.get();
+    ASSERT_TRUE(came) << told(result);
+    if (!view.mounted()) {
+        GTEST_SKIP() << "no FUSE here";
+    }
+    view.unmount();
+    EXPECT_TRUE(ends(result, refused));
+    EXPECT_TRUE(says(result, {"mounted", "can't be taken back", "share rename docs --finish", "--undo"}));
+    EXPECT_TRUE(testkit::exists("/etc/sharesnap/renames/docs"));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--undo"}), done));
+    expectAllUnder("docs", "papers");
 }
 
 } // namespace

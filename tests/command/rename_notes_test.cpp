@@ -3,6 +3,7 @@
 #include "command.hpp"
 
 #include <sharesnap/platform/share_admin.h>
+#include <sharesnap/platform/subvolume.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -130,6 +131,114 @@ TEST_F(UnreadablePart, OfTheListKeepsTheNote) {
 
 TEST_F(UnreadablePart, OfTheSettingsKeepsTheNote) {
     finishesOnlyWithout("/usr/qova/etc/sharesnap/sharesnap.conf");
+}
+
+// A part that stands under both names: one of them is not the share's.
+class BothEnds : public RenameNotes {
+protected:
+    void SetUp() override {
+        RenameNotes::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        ASSERT_TRUE(testkit::writeFile("/vol1/docs/letter", "kept"));
+        snapshot_ = take();
+        ASSERT_TRUE(ends(sharesnap({"conf", "set", "docs", "keep", "7"}), done));
+        note();
+    }
+
+    static void refusesBoth(const std::vector<std::string> &parts) {
+        const auto result = sharesnap({"share", "rename", "docs", "--finish"});
+        EXPECT_TRUE(ends(result, refused));
+        EXPECT_TRUE(says(result, parts));
+        EXPECT_TRUE(testkit::exists(kNote));
+    }
+
+    void finishes() const {
+        ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--finish"}), done));
+        EXPECT_FALSE(testkit::exists(kNote));
+        EXPECT_EQ("kept", testkit::readFile("/vol1/files/letter"));
+        EXPECT_EQ(std::vector<std::string>{snapshot_}, listed({}, "files"));
+        EXPECT_EQ("7\n", sharesnap({"conf", "get", "files", "keep"}).output);
+    }
+
+    std::string snapshot_;
+};
+
+TEST_F(BothEnds, OfTheDataAreRefused) {
+    ASSERT_EQ(0, mkdir("/vol1/files", 0755));
+    refusesBoth({"/vol1/docs", "/vol1/files"});
+    EXPECT_EQ("kept", testkit::readFile("/vol1/docs/letter"));
+    ASSERT_EQ(0, rmdir("/vol1/files"));
+    finishes();
+}
+
+TEST_F(BothEnds, OfTheListAreRefused) {
+    const std::string other = "/vol1/@sharesnap/@files.meta";
+    ASSERT_TRUE(testkit::writeFile(other, "[GMT-2015.01.01-00.00.00]\nhide=false\n"));
+    refusesBoth({"/vol1/@sharesnap/@docs.meta", other});
+    ASSERT_EQ(0, unlink(other.c_str()));
+    finishes();
+}
+
+TEST_F(BothEnds, OfTheSnapshotsAreRefused) {
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/@sharesnap/files"));
+    refusesBoth({"/vol1/@sharesnap/docs", "/vol1/@sharesnap/files"});
+    ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant("/vol1/@sharesnap/files"));
+    finishes();
+}
+
+TEST_F(BothEnds, OfTheSettingsAreRefused) {
+    const std::string file = "/usr/qova/etc/sharesnap/sharesnap.conf";
+    const std::string text = testkit::readFile(file);
+    ASSERT_TRUE(testkit::writeFile(file, text + "[files]\nkeep=9\n"));
+    refusesBoth({"[docs]", "[files]", file});
+    ASSERT_TRUE(testkit::writeFile(file, text));
+    finishes();
+}
+
+// A rename doesn't begin where it couldn't be ended.
+TEST_F(RenameNotes, SettingsUnderTheNewNameAreInTheWay) {
+    const std::string file = "/usr/qova/etc/sharesnap/sharesnap.conf";
+    ASSERT_TRUE(ends(sharesnap({"conf", "set", "docs", "keep", "7"}), done));
+    ASSERT_TRUE(testkit::writeFile(file, testkit::readFile(file) + "[files]\nkeep=9\n"));
+    const auto result = sharesnap({"share", "rename", "docs", "files"});
+    EXPECT_TRUE(ends(result, refused));
+    EXPECT_TRUE(says(result, {"[files]", file}));
+    EXPECT_FALSE(testkit::exists(kNote));
+    EXPECT_EQ("7\n", sharesnap({"conf", "get", "docs", "keep"}).output);
+    EXPECT_TRUE(testkit::isDirectory("/vol1/docs"));
+}
+
+// Something that is no directory stands where the snapshots should: nobody knows what they are.
+TEST_F(UnreadablePart, OfTheSnapshotsKeepsTheNote) {
+    ASSERT_EQ(0, rename("/vol1/@sharesnap", "/vol1/aside"));
+    ASSERT_TRUE(testkit::writeFile("/vol1/@sharesnap", ""));
+    EXPECT_EQ(failed, sharesnap({"share", "rename", "docs", "--finish"}).exitStatus);
+    EXPECT_TRUE(testkit::exists(kNote));
+    ASSERT_EQ(0, unlink("/vol1/@sharesnap"));
+    ASSERT_EQ(0, rename("/vol1/aside", "/vol1/@sharesnap"));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--finish"}), done));
+    EXPECT_EQ(std::vector<std::string>{snapshot_}, listed({}, "files"));
+}
+
+// The volume of the share is gone for good.
+TEST_F(RenameNotes, AreNamedWhenARenameCantBeSettled) {
+    ASSERT_EQ("", testkit::addShare("lost", "/vol7/lost"));
+    ASSERT_TRUE(testkit::makeDirectories("/etc/sharesnap/renames"));
+    const std::string path = "/etc/sharesnap/renames/lost";
+    ASSERT_TRUE(testkit::writeFile(
+        path, "[rename]\nold_name=lost\nnew_name=found\nold_path=/vol7/lost\nnew_path=/vol7/found\n"));
+    for (const char *option : {"--finish", "--undo"}) {
+        const auto result = sharesnap({"share", "rename", "lost", option});
+        EXPECT_NE(done, result.exitStatus);
+        EXPECT_TRUE(says(result, {path}));
+        EXPECT_TRUE(testkit::exists(path));
+    }
+    ASSERT_EQ(0, QOVAShareRecordRemove("lost"));
+    const auto result = sharesnap({"share", "rename", "lost", "--undo"});
+    EXPECT_TRUE(ends(result, notFound));
+    EXPECT_TRUE(says(result, {path}));
 }
 
 } // namespace

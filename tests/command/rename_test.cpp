@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "support/crash.hpp"
+#include "waiting.hpp"
 
 namespace {
 
@@ -121,6 +122,19 @@ TEST_F(RemoveWithData, TakesEverything) {
     char value[16] = "";
     EXPECT_EQ(0, QOVAShareSnapConfGet("docs", "keep", value, sizeof(value)));
     EXPECT_EQ(nullptr, testkit::getShare("docs"));
+    EXPECT_EQ("root\n", sharesnap({"tree", "/vol1"}).output);
+}
+
+TEST_F(RemoveWithData, RecordIsGoneWhenTheTreeIsTold) {
+    (void)take();
+    testkit::LockHolder holder(treeLock("/vol1"), testkit::LockHolder::exclusive);
+    ASSERT_TRUE(holder.holds());
+    Running running = begin({"share", "remove", "docs", "--data", "--yes"});
+    EXPECT_TRUE(comesToWait(running, holder, treeLock("/vol1")));
+    EXPECT_EQ(nullptr, testkit::getShare("docs"));
+    EXPECT_FALSE(testkit::exists("/vol1/docs"));
+    holder.release();
+    EXPECT_EQ(done, running.get().exitStatus);
     EXPECT_EQ("root\n", sharesnap({"tree", "/vol1"}).output);
 }
 

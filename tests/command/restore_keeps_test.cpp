@@ -161,6 +161,49 @@ TEST_F(RestoreKeeps, WhatAnInterruptedRestoreLeft) {
     EXPECT_FALSE(testkit::exists("/vol1/@restore-docs"));
 }
 
+// Whoever takes a snapshot writes its section before its subvolume stands.
+TEST_F(RestoreKeeps, SectionsOfOthersWhenSomethingLeftIsKept) {
+    constexpr char list[] = "/vol1/@sharesnap/@docs.meta";
+    const std::string coming = "[GMT-2015.01.01-00.00.00]\nhide=false\ndesc=somebody else's\n";
+    ASSERT_TRUE(testkit::writeFile(list, testkit::readFile(list) + coming));
+    ASSERT_EQ(0, QOVABtrfsSnapshotTake("/vol1/docs", "/vol1/@restore-docs"));
+    ASSERT_TRUE(testkit::writeFile("/vol1/@restore-docs/letter", "late"));
+    const auto restored = document({"restore", "docs", snapshot_});
+    ASSERT_EQ(1U, laterIn(restored).size());
+    const std::string late = laterIn(restored)[0];
+    EXPECT_THAT(testkit::readFile(list), testing::HasSubstr("[GMT-2015.01.01-00.00.00]"));
+    EXPECT_EQ("left by an interrupted restore\n", sharesnap({"attr", "get", "docs", late, "desc"}).output);
+    EXPECT_EQ("false\n", sharesnap({"attr", "get", "docs", late, "hide"}).output);
+    EXPECT_TRUE(ends(sharesnap({"attr", "get", "docs", late, "ruuid"}), done));
+    EXPECT_EQ(3, document({"count", "docs"})["shares"]["docs"]);
+}
+
+TEST_F(RestoreKeeps, WhatWasLeftAlsoWhenTheRestoreFails) {
+    ASSERT_TRUE(testkit::writeFile("/etc.defaults/qovainfo.conf", "max_snapshots_per_share=\"1\"\n"));
+    ASSERT_EQ(0, QOVABtrfsSnapshotTake("/vol1/docs", "/vol1/@restore-docs"));
+    ASSERT_TRUE(testkit::writeFile("/vol1/@restore-docs/letter", "late"));
+    const auto result = sharesnap({"restore", "docs", snapshot_});
+    EXPECT_TRUE(ends(result, refused));
+    const std::vector<std::string> names = listed();
+    ASSERT_EQ(2U, names.size());
+    EXPECT_EQ("late", testkit::readFile(pathOf(names[1]) + "/letter"));
+    EXPECT_TRUE(says(result, {"SNAP_ERR_SNAPSHOT_LIMIT", names[1]}));
+    EXPECT_NE(std::string::npos, sharesnap({"tree", "/vol1"}).output.find(names[1]));
+    EXPECT_FALSE(testkit::exists("/vol1/@restore-docs"));
+    EXPECT_EQ("second", testkit::readFile("/vol1/docs/letter"));
+}
+
+TEST_F(RestoreKeeps, SaysWhichSnapshotHoldsWhatWasLeft) {
+    ASSERT_EQ(0, QOVABtrfsSnapshotTake("/vol1/docs", "/vol1/@restore-docs"));
+    ASSERT_TRUE(testkit::writeFile("/vol1/@restore-docs/letter", "late"));
+    const auto result = sharesnap({"restore", "docs", snapshot_});
+    ASSERT_TRUE(ends(result, done));
+    const std::string late = listed().at(1);
+    EXPECT_EQ("late", testkit::readFile(pathOf(late) + "/letter"));
+    EXPECT_THAT(result.output, testing::HasSubstr("what an interrupted restore left is kept as " + late + "\n"));
+    EXPECT_THAT(result.output, testing::Not(testing::HasSubstr("written during")));
+}
+
 TEST_F(RestoreKeeps, TheQuotaOfTheShare) {
     ASSERT_EQ(0, testkit::runProcess({"btrfs", "quota", "enable", "/vol1"}).exitStatus);
     ASSERT_EQ(0, testkit::runProcess({"btrfs", "qgroup", "limit", "100M", "/vol1/docs"}).exitStatus);

@@ -46,6 +46,33 @@ TEST_F(ShareRemoveQuestion, TheSharesNameLetsItGo) {
     EXPECT_TRUE(ends(sharesnap({"share", "show", "docs"}), notFound));
 }
 
+// Another share that has got the name since isn't meant by the answer.
+TEST_F(ShareRemoveQuestion, AnotherShareOfTheNameStays) {
+    Terminal terminal({"share", "remove", "docs", "--data"});
+    ASSERT_TRUE(terminal.runs());
+    ASSERT_TRUE(terminal.shows(question)) << terminal.written();
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "papers"}), done));
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "docs", "/vol1/docs"}), done));
+    ASSERT_TRUE(testkit::writeFile("/vol1/docs/letter", "new"));
+    terminal.type("docs\n");
+    EXPECT_EQ(refused, terminal.exitStatus()) << terminal.written();
+    EXPECT_EQ("new", testkit::readFile("/vol1/docs/letter"));
+    EXPECT_EQ("kept", testkit::readFile("/vol1/papers/letter"));
+    EXPECT_TRUE(ends(sharesnap({"share", "show", "docs"}), done));
+}
+
+TEST_F(ShareRemoveQuestion, ASnapshotThatWasNotAnnouncedStays) {
+    Terminal terminal({"share", "remove", "docs", "--data"});
+    ASSERT_TRUE(terminal.runs());
+    ASSERT_TRUE(terminal.shows(question)) << terminal.written();
+    const std::string added = take();
+    terminal.type("docs\n");
+    EXPECT_EQ(refused, terminal.exitStatus()) << terminal.written();
+    EXPECT_EQ("kept", testkit::readFile(snapshotPath(added) + "/letter"));
+    EXPECT_EQ("kept", testkit::readFile("/vol1/docs/letter"));
+    EXPECT_EQ(2U, listed().size());
+}
+
 TEST_F(ShareRemoveQuestion, AnyOtherAnswerKeepsAll) {
     for (const std::string answer : {"yes\n", "\n", "doc\n", "docs \n", "DOCS\n", "music\ndocs\n"}) {
         SCOPED_TRACE(answer);

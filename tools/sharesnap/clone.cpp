@@ -3,6 +3,7 @@
 #include "rename_guard.h"
 #include "share_admin.h"
 #include "share_lookup.h"
+#include "stand_in.h"
 #include "text.h"
 #include "verbs.h"
 #include "volume_tree.h"
@@ -40,7 +41,9 @@ int cloneShare(const CloneArguments &arguments) {
     requireDataSubvolume(*share, "can't clone");
     requireFreeName(arguments.newName, what);
     std::string name = arguments.newName;
-    std::string path = volumeOf(*share, "can't clone") + "/" + name;
+    const std::string volume = volumeOf(*share, "can't clone");
+    std::string path = volume + "/" + name;
+    requireNoStandIn(volume, name, what);
     const QOVASHARE record = cloneRecord(*share, name, path);
     requireNothingAt(path, what, elsewhere);
     requireNothingAt(dataPath(record), what, elsewhere);

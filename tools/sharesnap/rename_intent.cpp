@@ -23,10 +23,6 @@ namespace {
 constexpr char directory[] = "/etc/sharesnap/renames";
 constexpr char section[] = "rename";
 
-std::string intentPath(const std::string &oldName) {
-    return std::string(directory) + "/" + oldName;
-}
-
 Failure failure(const std::string &what, const std::string &path) {
     return {exitFailed, what + " " + printable(path) + ": " + std::strerror(errno),
             "see to the directory " + std::string(directory)};
@@ -65,6 +61,10 @@ void makeDirectory(const std::string &path) {
 }
 
 } // namespace
+
+std::string intentPath(const std::string &oldName) {
+    return std::string(directory) + "/" + oldName;
+}
 
 void writeIntent(const RenameIntent &intent) {
     makeDirectory("/etc/sharesnap");

@@ -15,6 +15,8 @@ struct RenameIntent {
     std::string newPath;
 };
 
+// Where the note of a rename from that name stands.
+[[nodiscard]] std::string intentPath(const std::string &oldName);
 // On disk when it returns. Throws a Failure.
 void writeIntent(const RenameIntent &intent);
 // Nothing when there is no rename under way from that name. Throws a Failure for a note that can't be read.

@@ -4,6 +4,7 @@
 #include "move_lock.h"
 #include "rename_guard.h"
 #include "share_lookup.h"
+#include "stand_in.h"
 #include "subvolume_state.h"
 #include "text.h"
 #include "unkept.h"
@@ -17,6 +18,7 @@
 #include <sharesnap/platform/quota.h>
 #include <sharesnap/platform/subvolume.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -66,7 +68,7 @@ std::string snapshotPath(const QOVASHARE &share, const std::string &snapshot, co
 class StandIn {
 public:
     StandIn(const QOVASHARE &share, const std::string &volume)
-        : share_(share), path_(volume + "/@restore-" + share.szName) {}
+        : share_(share), path_(standInPath(volume, share.szName)) {}
     ~StandIn() {
         if (isCopy_) {
             (void)remove(); // the failure that is told is another one
@@ -79,8 +81,7 @@ public:
 
     // One that an interrupted restore left goes. If something is in it that no snapshot holds, that is kept: the name of
     // a snapshot, or empty.
-    std::string removeOld(const std::string &what) {
-        std::string kept;
+    void removeOld(const std::string &what, std::string &kept) {
         if (QOVABtrfsIsSubVol(path_.c_str()) == 1) {
             kept = keepUnkept(share_, path_, 0, "left by an interrupted restore");
         }
@@ -88,7 +89,6 @@ public:
         if (!remove()) {
             throw libraryFailure(what + ": can't remove " + printable(path_), share_, causeNow());
         }
-        return kept;
     }
 
     // The copy is limited like the share: its qgroup is a new one.
@@ -108,14 +108,14 @@ public:
         }
     }
 
-    // The copy and the share change names in one system call: there is no moment without the share. 0, or errno.
-    [[nodiscard]] int exchange() {
+    // The copy and the share change names in one system call: there is no moment without the share.
+    void exchange(const std::string &what) {
         const std::string data = dataPath(share_);
         if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, data.c_str(), RENAME_EXCHANGE) != 0) {
-            return errno;
+            throw Failure(exitFailed, what + ": " + printable(path_) + " and " + printable(data) +
+                                          " can't change places: " + std::strerror(errno));
         }
         isCopy_ = false;
-        return 0;
     }
 
     bool remove() {
@@ -140,27 +140,41 @@ std::string keepPresent(const QOVASHARE &share, const std::string &snapshot, con
     return name;
 }
 
-// The creation of a snapshot of an encrypted share changes its back end once more when the snapshot has been taken. Since
-// such a share is locked, nobody else does: the generation to begin with is that of the creation's end.
-std::uint64_t generationKept(const QOVASHARE &share) {
+// The creation of a snapshot of an encrypted share changes its back end once more when the snapshot has been taken. While
+// such a share is locked nobody else does: the generation to begin with is that of the creation's end.
+std::uint64_t generationKept(const QOVASHARE &share, const std::string &what) {
     if (!isEncrypted(share)) {
         return 0;
     }
     const std::string data = dataPath(share);
     writeOut(data);
     const auto state = stateOf(data);
+    requireLocked(*requireShare(share.szName), what); // who has mounted it meanwhile may have written to it
     return state ? state->generation : 0;
 }
 
+// The snapshots that a restore took; empty names are of none.
+struct Taken {
+    std::string left;    // of what an interrupted restore left
+    std::string present; // of the share as it was
+    std::string late;    // of what was written to it after that
+
+    [[nodiscard]] std::vector<std::string> later() const { return namesOf({left, late}); }
+    [[nodiscard]] std::vector<std::string> all() const { return namesOf({left, late, present}); }
+
+private:
+    static std::vector<std::string> namesOf(std::vector<std::string> names) {
+        names.erase(std::remove(names.begin(), names.end(), ""), names.end());
+        return names;
+    }
+};
+
 // What was in the share goes, but for what was written to it after its snapshot had been taken: that is kept in another
 // one. First nobody is let in any more. False when it stays where it is.
-bool putAway(StandIn &standIn, const QOVASHARE &share, std::uint64_t known, std::vector<std::string> &later) {
+bool putAway(StandIn &standIn, const QOVASHARE &share, std::uint64_t known, Taken &taken) {
     try {
         makeReadOnly(standIn.path());
-        const std::string kept = keepUnkept(share, standIn.path(), known, "written during a restore");
-        if (!kept.empty()) {
-            later.push_back(kept);
-        }
+        taken.late = keepUnkept(share, standIn.path(), known, "written during a restore");
     } catch (const Failure &failure) {
         complain("the share is restored, but what was there before still stands at " + printable(standIn.path()) +
                      ", with what was written to it meanwhile: " + failure.message(),
@@ -176,11 +190,9 @@ bool putAway(StandIn &standIn, const QOVASHARE &share, std::uint64_t known, std:
 }
 
 // True when the tree is true afterwards.
-bool tellOfKept(const QOVASHARE &share, const std::string &kept, const std::vector<std::string> &later) {
-    std::vector<std::string> all = later;
-    all.push_back(kept);
+bool tellOfTaken(const QOVASHARE &share, const Taken &taken) {
     bool treeIsTrue = true;
-    for (const std::string &name : all) {
+    for (const std::string &name : taken.all()) {
         (void)QOVAShareSnapCreateLogSet(&share, name.c_str(), actorName().c_str(),
                                         1); // an event that can't be written changes nothing
         treeIsTrue = treeSnapshotTaken(share, name) && treeIsTrue;
@@ -188,23 +200,36 @@ bool tellOfKept(const QOVASHARE &share, const std::string &kept, const std::vect
     return treeIsTrue;
 }
 
-void printResult(const RestoreArguments &arguments, const std::string &kept, const std::vector<std::string> &later,
-                 const OutputForm &form) {
+// The snapshots that were taken stay when the restore fails.
+Failure withTaken(const Failure &failure, const Taken &taken) {
+    std::string text = failure.message();
+    for (const std::string &name : taken.all()) {
+        text += "; snapshot " + quoted(name) + " holds " +
+                (name == taken.left ? "what an interrupted restore left" : "the share as it is");
+    }
+    return {failure.exitStatus(), text, failure.next()};
+}
+
+void printResult(const RestoreArguments &arguments, const Taken &taken, const OutputForm &form) {
     if (form.json) {
         Json document = newDocument();
         document["share"] = arguments.share;
         document["restored"] = arguments.snapshot;
-        document["kept"] = kept;
+        document["kept"] = taken.present;
         document["kept_later"] = Json::array();
-        for (const std::string &name : later) {
+        for (const std::string &name : taken.later()) {
             document["kept_later"].push_back(name);
         }
         printDocument(document);
         return;
     }
-    print("restored to " + printable(arguments.snapshot) + "; what was there is kept as " + printable(kept) + "\n");
-    for (const std::string &name : later) {
-        print("what was written during a restore is kept as " + printable(name) + "\n");
+    print("restored to " + printable(arguments.snapshot) + "; what was there is kept as " + printable(taken.present) +
+          "\n");
+    if (!taken.left.empty()) {
+        print("what an interrupted restore left is kept as " + printable(taken.left) + "\n");
+    }
+    if (!taken.late.empty()) {
+        print("what was written during a restore is kept as " + printable(taken.late) + "\n");
     }
 }
 
@@ -221,26 +246,25 @@ int restoreShare(const RestoreArguments &arguments, const OutputForm &form) {
     requireLocked(*share, what);
     requireNothingNested(*share, volume, what);
 
+    StandIn standIn(*share, volume);
+    Taken taken;
+    std::uint64_t known = 0;
     // The copy comes first, and the tree, which may have to be waited for, last: the less time passes between the
     // snapshot of the present and the exchange, the less is written that this snapshot doesn't hold.
-    StandIn standIn(*share, volume);
-    std::vector<std::string> later;
-    const std::string left = standIn.removeOld(what);
-    if (!left.empty()) {
-        later.push_back(left);
+    try {
+        standIn.removeOld(what, taken.left);
+        standIn.make(source, what);
+        taken.present = keepPresent(*share, arguments.snapshot, what);
+        known = generationKept(*share, what);
+        standIn.exchange(what);
+    } catch (const Failure &failure) {
+        (void)tellOfTaken(*share, taken); // the failure that is told is the restore's
+        throw withTaken(failure, taken);
     }
-    standIn.make(source, what);
-    const std::string kept = keepPresent(*share, arguments.snapshot, what);
-    const std::uint64_t known = generationKept(*share);
-    const int error = standIn.exchange();
-    const bool putAwayWhole = error != 0 || putAway(standIn, *share, known, later);
-    bool treeIsTrue = tellOfKept(*share, kept, later);
-    if (error != 0) {
-        throw Failure(exitFailed, what + ": " + printable(standIn.path()) + " and " + printable(dataPath(*share)) +
-                                      " can't change places: " + std::strerror(error));
-    }
+    const bool putAwayWhole = putAway(standIn, *share, known, taken);
+    bool treeIsTrue = tellOfTaken(*share, taken);
     treeIsTrue = treeShareRestored(*share, arguments.snapshot) && treeIsTrue;
-    printResult(arguments, kept, later, form);
+    printResult(arguments, taken, form);
     return treeIsTrue && putAwayWhole ? exitDone : exitInPart;
 }
 

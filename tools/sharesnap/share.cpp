@@ -3,6 +3,7 @@
 #include "rename_guard.h"
 #include "share_admin.h"
 #include "share_lookup.h"
+#include "stand_in.h"
 #include "verbs.h"
 
 #include <sharesnap/counters.h>
@@ -24,18 +25,35 @@ Json shareDocument(const QOVASHARE &share) {
     return entry;
 }
 
-// A rename that is under way holds the lock, and is no interrupted one.
-void tellOfInterruptedRenames() {
-    if (geteuid() != 0) { // only root can lock
+// A rename or restore that is under way holds the lock, and is no interrupted one. Only root can lock.
+template <typename Telling>
+void whenNothingMoves(Telling tell) {
+    if (geteuid() != 0) {
         return;
     }
     const MoveLock lock(MoveLock::together, 0);
-    if (!lock.held()) {
-        return;
+    if (lock.held()) {
+        tell();
     }
-    for (const RenameIntent &intent : interruptedRenames()) {
-        complain(interruptedText(intent), howToSettle(intent));
-    }
+}
+
+void tellOfInterruptedRenames() {
+    whenNothingMoves([] {
+        for (const RenameIntent &intent : interruptedRenames()) {
+            complain(interruptedText(intent), howToSettle(intent));
+        }
+    });
+}
+
+void tellOfStandIn(const QOVASHARE &share) {
+    whenNothingMoves([&share] {
+        if (onBtrfs(share)) {
+            const std::string volume = volumeOf(share, "can't show");
+            if (standInIsLeft(volume, share.szName)) {
+                complain(standInText(volume, share.szName), howToSettleStandIn(volume, share.szName));
+            }
+        }
+    });
 }
 
 int listShares(const OutputForm &form) {
@@ -111,6 +129,7 @@ int showShare(const std::string &name, const OutputForm &form) {
         document["snapshots"] = count >= 0 ? Json(count) : Json();
         document["limit"] = limit;
         printDocument(document);
+        tellOfStandIn(*share);
         return status;
     }
     Table table({"FACT", "VALUE"});
@@ -123,6 +142,7 @@ int showShare(const std::string &name, const OutputForm &form) {
     table.addRow({"read only", share->szROList});
     table.addRow({"snapshots", snapshotsText(no, count, limit)});
     table.print(form);
+    tellOfStandIn(*share);
     return status;
 }
 

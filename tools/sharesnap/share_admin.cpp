@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "rename_guard.h"
 #include "share_lookup.h"
+#include "stand_in.h"
 #include "text.h"
 #include "volume_tree.h"
 
@@ -217,12 +218,12 @@ int addShare(const ShareAddition &asked) {
     const std::string what = "can't add share " + quoted(addition.name);
     requireRoot(what);
     const SettledNames settled({});
-    const bool comesBack = putsRecordBack(addition);
-    if (!comesBack) {
+    if (!putsRecordBack(addition)) {
         requireNoInterruptedRename({addition.name});
     }
     requireFreeName(addition.name, what);
     checkPlace(addition, what);
+    requireNoStandIn(volumeOfPath(addition.path, what), addition.name, what);
     const NewRecord record(addition);
     if (addition.existing) {
         requireDataSubvolume(record.get(), "can't add");
@@ -231,8 +232,7 @@ int addShare(const ShareAddition &asked) {
     }
     forgetCause();
     if (QOVAShareRecordAdd(&record.get()) == 0) {
-        const bool treeIsTrue = comesBack ? treeSynced(record.get()) : treeSharePut(record.get());
-        return treeIsTrue ? exitDone : exitInPart;
+        return treeSharePut(record.get()) ? exitDone : exitInPart;
     }
     const Cause cause = causeNow();
     if (!addition.existing) {
@@ -249,6 +249,7 @@ int removeShare(const ShareRemoval &removal) {
     const std::string volume = volumeOf(*share, "can't remove"); // unmounted, nobody knows what it holds
     const bool btrfs = onBtrfs(*share);
     if (btrfs) {
+        requireNoStandIn(volume, share->szName, what);
         checkLeftovers(*share, removal, what);
     }
     forgetCause();

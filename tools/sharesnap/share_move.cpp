@@ -85,6 +85,23 @@ private:
         return result == 1;
     }
 
+    // The library also says 0 of a path that can't be looked at.
+    [[nodiscard]] bool standsAt(int result, const std::string &part, const std::string &path) const {
+        const bool found = stands(result, path.empty() ? part : part + " " + printable(path));
+        return exists(path) && found;
+    }
+
+    // True when the part is still under the old name alone. Under both names only one of them can be the share's.
+    [[nodiscard]] bool isToMove(bool atOld, bool atNew, const std::string &oldPlace,
+                                const std::string &newPlace) const {
+        if (atOld && atNew) {
+            throw Failure(exitRefused,
+                          what() + ": " + printable(oldPlace) + " and " + printable(newPlace) + " both stand",
+                          "move away what isn't the share's, then finish or undo the rename");
+        }
+        return atOld;
+    }
+
     [[nodiscard]] bool inDatabase(const std::string &name) const {
         int found = 0;
         forgetCause();
@@ -98,22 +115,25 @@ private:
         return stands(QOVAShareSnapConfList(name.c_str(), pairs.address()), "its settings");
     }
 
-    [[nodiscard]] bool hasList(const QOVASHARE &share) const {
+    [[nodiscard]] bool hasList(const QOVASHARE &share, std::string &place) const {
         char path[pathSize] = "";
         forgetCause();
         const int result = SnapMetaGetOrCreateFile(&share, path, sizeof(path), 0);
-        return stands(result, "its list of snapshots " + printable(path));
+        place = path;
+        return standsAt(result, "its list of snapshots", place);
     }
 
-    [[nodiscard]] bool hasSnapshots(const QOVASHARE &share) const {
+    [[nodiscard]] bool hasSnapshots(const QOVASHARE &share, std::string &place) const {
         char path[pathSize] = "";
         forgetCause();
         const int result = SnapGetOrCreateSubvolumeWithShare(&share, "@sharesnap", path, sizeof(path), 0);
-        return stands(result, "its snapshots " + printable(path));
+        place = path;
+        return standsAt(result, "its snapshots", place);
     }
 
     void moveRecord() {
-        if (!inDatabase(intent_.oldName) || inDatabase(intent_.newName)) {
+        if (!isToMove(inDatabase(intent_.oldName), inDatabase(intent_.newName),
+                      "the record of share " + intent_.oldName, "that of share " + intent_.newName)) {
             return;
         }
         forgetCause();
@@ -123,7 +143,8 @@ private:
     }
 
     void moveSettings() {
-        if (!hasSettings(intent_.oldName) || hasSettings(intent_.newName)) {
+        if (!isToMove(hasSettings(intent_.oldName), hasSettings(intent_.newName), settingsPlace(intent_.oldName),
+                      settingsPlace(intent_.newName))) {
             return;
         }
         forgetCause();
@@ -136,6 +157,7 @@ private:
     struct Ends {
         std::string oldName, newName, path, samePath;
         QOVASHARE from{}, to{};
+        std::string oldPlace, newPlace; // of the part that is looked at
     };
 
     void fillEnds(Ends &ends) const {
@@ -150,7 +172,9 @@ private:
     void moveMetadata() {
         Ends ends;
         fillEnds(ends);
-        if (!hasList(ends.from) || hasList(ends.to)) {
+        const bool atOld = hasList(ends.from, ends.oldPlace);
+        const bool atNew = hasList(ends.to, ends.newPlace);
+        if (!isToMove(atOld, atNew, ends.oldPlace, ends.newPlace)) {
             return;
         }
         forgetCause();
@@ -162,7 +186,9 @@ private:
     void moveSnapshots() {
         Ends ends;
         fillEnds(ends);
-        if (!hasSnapshots(ends.from) || hasSnapshots(ends.to)) {
+        const bool atOld = hasSnapshots(ends.from, ends.oldPlace);
+        const bool atNew = hasSnapshots(ends.to, ends.newPlace);
+        if (!isToMove(atOld, atNew, ends.oldPlace, ends.newPlace)) {
             return;
         }
         forgetCause();
@@ -172,19 +198,27 @@ private:
     }
 
     void moveDirectory(const std::string &from, const std::string &to) const {
-        if (!exists(from) || exists(to)) {
-            return;
-        }
         if (rename(from.c_str(), to.c_str()) != 0) {
-            throw Failure(exitFailed,
-                          what() + ": " + printable(from) + " to " + printable(to) + ": " + std::strerror(errno));
+            const bool isTaken = errno == ENOTEMPTY || errno == EEXIST || errno == ENOTDIR;
+            throw Failure(isTaken ? exitRefused : exitFailed,
+                          what() + ": " + printable(from) + " to " + printable(to) + ": " + std::strerror(errno),
+                          isTaken ? "move away what stands there, then finish or undo the rename" : "");
         }
     }
 
-    void moveData() const { moveDirectory(oldData_, newData_); }
+    void moveData() const {
+        if (isToMove(exists(oldData_), exists(newData_), oldData_, newData_)) {
+            moveDirectory(oldData_, newData_);
+        }
+    }
 
-    // The path of an encrypted share is where its back end gets mounted. Any other share's path has moved by now.
-    void moveMountPoint() const { moveDirectory(intent_.oldPath, intent_.newPath); }
+    // The path of an encrypted share is where its back end gets mounted. An empty directory at its new place is as good,
+    // and goes. Any other share's path has moved by now.
+    void moveMountPoint() const {
+        if (isEncrypted(share_) && exists(intent_.oldPath)) {
+            moveDirectory(intent_.oldPath, intent_.newPath);
+        }
+    }
 
     void moveHolds() {
         if (!exists("/run/sharesnap/sys_lock/" + intent_.oldName + ".sharesnap_sys_lock")) {
@@ -207,6 +241,16 @@ private:
     }
 };
 
+// The rename of a share that is gone for good has no end but this.
+std::string whenAllIsGone(const RenameIntent &intent) {
+    return "if nothing of the share is left, remove the note of its rename: " + printable(intentPath(intent.oldName));
+}
+
+Failure withNote(const Failure &failure, const RenameIntent &intent) {
+    const std::string next = failure.next().empty() ? "" : failure.next() + "; ";
+    return {failure.exitStatus(), failure.message(), next + whenAllIsGone(intent)};
+}
+
 RenameIntent backwards(const RenameIntent &intent) {
     return {intent.newName, intent.oldName, intent.newPath, intent.oldPath};
 }
@@ -220,18 +264,26 @@ Share recordOf(const RenameIntent &intent) {
     throw Failure(exitNotFound,
                   "no share " + quoted(intent.oldName) + " or " + quoted(intent.newName) +
                       " is in the list of shares, but a rename between them is noted",
-                  "add the share's record again, then finish or undo the rename");
+                  "add the share's record again, then finish or undo the rename; " + whenAllIsGone(intent));
 }
 
 } // namespace
 
-int endRename(const RenameIntent &intent, bool undo, bool first) {
+std::string settingsPlace(const std::string &name) {
+    return "[" + name + "] in /usr/qova/etc/sharesnap/sharesnap.conf";
+}
+
+int endRename(const RenameIntent &intent, bool undo) {
     const Share share = recordOf(intent);
     requireLocked(*share, "can't rename share " + quoted(intent.oldName) + " to " + quoted(intent.newName));
     const RenameIntent direction = undo ? backwards(intent) : intent;
-    Move(*share, direction).run();
+    try {
+        Move(*share, direction).run();
+    } catch (const Failure &failure) {
+        throw withNote(failure, intent);
+    }
     const Share renamed = requireShare(direction.newName);
-    const bool treeIsTrue = treeShareRenamed(*renamed, {direction.oldName, direction.newName, intent.newName, first});
+    const bool treeIsTrue = treeShareRenamed(*renamed, {direction.oldName, direction.newName, intent.newName});
     removeIntent(intent);
     return treeIsTrue ? exitDone : exitInPart;
 }

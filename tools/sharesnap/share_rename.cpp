@@ -6,8 +6,10 @@
 #include "share_admin.h"
 #include "share_lookup.h"
 #include "share_move.h"
+#include "stand_in.h"
 #include "text.h"
 
+#include <sharesnap/config.h>
 #include <sharesnap/frame.h>
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/metadata.h>
@@ -40,6 +42,16 @@ void requireNoLeftovers(const QOVASHARE &share, const std::string &what) {
                           codeName(hasList ? SNAP_ERR_ALREADY_EXISTS : SNAP_ERR_SNAPSHOT_EXISTS) + "]",
                       "choose another name, or move them away");
     }
+    Hash settings = newHash();
+    forgetCause();
+    const int result = QOVAShareSnapConfList(share.szName, settings.address());
+    if (result < 0) {
+        throw libraryFailure(what + ": its settings", share, causeNow());
+    }
+    if (result == 1) {
+        throw Failure(exitRefused, what + ": settings of another share stand at " + settingsPlace(share.szName),
+                      "choose another name, or take that section out");
+    }
 }
 
 // The library carries settings, list, snapshots and data, and goes back by itself when one of them fails. Until the data
@@ -58,6 +70,16 @@ void moveStores(const QOVASHARE &share, const QOVASHARE &between, const QOVASHAR
     }
 }
 
+void takeBack(const RenameIntent &intent, const Failure &failure) {
+    try {
+        (void)endRename(intent, true); // the rename's failure is told in either case
+    } catch (const Failure &second) {
+        throw Failure(second.exitStatus(),
+                      failure.message() + "; and what was done can't be taken back: " + second.message(),
+                      "when that is mended: " + howToSettle(intent));
+    }
+}
+
 int beginRename(const ShareRenaming &renaming, const std::string &what) {
     const Share share = requireBtrfsShare(renaming.name, "can't rename");
     requireDataSubvolume(*share, "can't rename");
@@ -65,7 +87,10 @@ int beginRename(const ShareRenaming &renaming, const std::string &what) {
     requireFreeName(renaming.newName, what);
     std::string newName = renaming.newName;
     std::string oldPath = share->szPath;
-    std::string newPath = volumeOf(*share, "can't rename") + "/" + newName;
+    const std::string volume = volumeOf(*share, "can't rename");
+    std::string newPath = volume + "/" + newName;
+    requireNoStandIn(volume, share->szName, what);
+    requireNoStandIn(volume, newName, what);
     const QOVASHARE moved = recordWith(*share, newName, newPath);
     requireNothingAt(newPath, what, elsewhere);
     requireNothingAt(dataPath(moved), what, elsewhere);
@@ -76,9 +101,9 @@ int beginRename(const ShareRenaming &renaming, const std::string &what) {
     writeIntent(intent);
     try {
         moveStores(*share, between, moved, what);
-        return endRename(intent, false, true);
-    } catch (const Failure &) {
-        (void)endRename(intent, true); // when this fails too, its Failure is told, and the note stays
+        return endRename(intent, false);
+    } catch (const Failure &failure) {
+        takeBack(intent, failure);
         throw;
     }
 }

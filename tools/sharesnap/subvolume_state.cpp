@@ -8,7 +8,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/btrfs.h>
+#include <linux/magic.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 namespace command {
@@ -32,6 +35,14 @@ public:
 
     [[nodiscard]] int fd() const { return fd_; }
 
+    [[nodiscard]] bool isOnBtrfs() const {
+        struct statfs system = {};
+        if (fstatfs(fd_, &system) != 0) {
+            throw failure("can't tell the file system of", path_);
+        }
+        return system.f_type == BTRFS_SUPER_MAGIC;
+    }
+
     // False when the file system doesn't know the request.
     bool request(unsigned long number, void *argument, const char *what) const {
         if (ioctl(fd_, number, argument) >= 0) {
@@ -48,12 +59,38 @@ private:
     int fd_;
 };
 
+constexpr char cantTell[] = "can't tell when it was changed:";
+
+// False on a file system other than Btrfs.
+bool readFacts(const std::string &path, btrfs_ioctl_get_subvol_info_args &facts) {
+    const Subvolume subvolume(path);
+    if (subvolume.request(BTRFS_IOC_GET_SUBVOL_INFO, &facts, cantTell)) {
+        return true;
+    }
+    if (subvolume.isOnBtrfs()) {
+        throw Failure(exitFailed, std::string(cantTell) + " " + printable(path), "that takes Linux 5.8 or later");
+    }
+    return false;
+}
+
+bool isGone(const std::string &path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
 } // namespace
 
 std::optional<SubvolumeState> stateOf(const std::string &path) {
     btrfs_ioctl_get_subvol_info_args facts = {};
-    if (!Subvolume(path).request(BTRFS_IOC_GET_SUBVOL_INFO, &facts, "can't tell when it was changed:")) {
-        return std::nullopt;
+    try {
+        if (!readFacts(path, facts)) {
+            return std::nullopt;
+        }
+    } catch (const Failure &) {
+        if (isGone(path)) { // deleted by somebody else
+            return std::nullopt;
+        }
+        throw;
     }
     SubvolumeState state = {facts.generation, facts.otransid, {}, {}};
     std::copy_n(facts.uuid, state.uuid.size(), state.uuid.begin());

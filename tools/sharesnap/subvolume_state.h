@@ -16,7 +16,8 @@ struct SubvolumeState {
     std::array<std::uint8_t, 16> parent; // what it is a snapshot of
 };
 
-// Nothing where the file system has no such numbers. Throws a Failure.
+// Nothing when nothing stands there any more, and on a file system other than Btrfs, which has no such numbers. Throws a
+// Failure, also on a Btrfs that can't tell them: then nobody knows what was changed.
 [[nodiscard]] std::optional<SubvolumeState> stateOf(const std::string &path);
 
 // Writes out what is on its way to the disk. Throws a Failure.

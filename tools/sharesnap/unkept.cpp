@@ -6,6 +6,7 @@
 #include "text.h"
 
 #include <sharesnap/config.h>
+#include <sharesnap/counters.h>
 #include <sharesnap/frame.h>
 #include <sharesnap/metadata.h>
 #include <sharesnap/platform/error.h>
@@ -13,11 +14,16 @@
 
 #include <algorithm>
 #include <ctime>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace command {
 namespace {
+
+struct Unkept {
+    std::string path;
+    std::string directory; // of the share's snapshots
+    std::string description;
+};
 
 std::string cantKeep(const std::string &path) {
     return "can't take a snapshot of " + printable(path);
@@ -62,22 +68,49 @@ std::string nameByClock(const QOVASHARE &share) {
     return name;
 }
 
+// Takes the snapshot under that name, or tells why not. The section comes first, as when any snapshot is taken: nobody
+// else gets the name then.
+bool takeAs(const std::string &name, const QOVASHARE &share, const Unkept &unkept, Cause &cause) {
+    Hash attributes = newHash();
+    setValue(attributes, "desc", unkept.description);
+    forgetCause();
+    if (QOVAShareSnapDefaultAttr(attributes.address()) < 0 ||
+        QOVAShareSnapMetaSectionAdd(&share, name.c_str(), attributes.get()) != 0) {
+        cause = causeNow();
+        return false;
+    }
+    forgetCause();
+    if (QOVABtrfsReadOnlySnapshotTake(unkept.path.c_str(), (unkept.directory + "/" + name).c_str()) != 0) {
+        cause = causeNow();
+        (void)SnapMetaSectionDel(&share, name.c_str(), 1); // the next sync takes it away
+        return false;
+    }
+    return true;
+}
+
+// What the volume tells of the snapshot goes into its section, and it is counted. What fails here the next sync does.
+void complete(const QOVASHARE &share, const std::string &name) {
+    Hash facts = newHash();
+    if (SnapFillSubvolInfo(&share, name.c_str(), facts.address()) == 0) {
+        (void)QOVAShareSnapAttrMultiSet(&share, name.c_str(), facts.get());
+    }
+    (void)QOVAShareSnapUpdateSnapCountEx(&share, 1, 0);
+}
+
 // Two snapshots of a second would have one name.
-std::string takeSnapshot(const QOVASHARE &share, const std::string &path, const std::string &directory) {
+std::string takeSnapshot(const QOVASHARE &share, const Unkept &unkept) {
     constexpr int attempts = 20;
     constexpr useconds_t pause = 250000;
     for (int attempt = 1;; ++attempt) {
         const std::string name = nameByClock(share);
-        const std::string target = directory + "/" + name;
-        struct stat status = {};
-        const bool taken = lstat(target.c_str(), &status) == 0 || hasSnapshot(share, name);
-        forgetCause();
-        if (!taken && QOVABtrfsReadOnlySnapshotTake(path.c_str(), target.c_str()) == 0) {
+        Cause cause = {};
+        if (takeAs(name, share, unkept, cause)) {
+            complete(share, name);
             return name;
         }
-        const Cause cause = causeNow();
-        if ((!taken && cause.code != SNAP_ERR_ALREADY_EXISTS) || attempt == attempts) {
-            throw libraryFailure(cantKeep(path), share, cause);
+        const bool nameIsTaken = cause.code == SNAP_ERR_SECTION_EXISTS || cause.code == SNAP_ERR_ALREADY_EXISTS;
+        if (!nameIsTaken || attempt == attempts) {
+            throw libraryFailure(cantKeep(unkept.path), share, cause);
         }
         usleep(pause);
     }
@@ -96,14 +129,13 @@ std::string keepUnkept(const QOVASHARE &share, const std::string &path, std::uin
     if (hasSnapshotOf(*state, share, directory)) {
         return "";
     }
-    const std::string name = takeSnapshot(share, path, directory);
-    // It comes into the list like any snapshot that the list lacks.
+    const std::string name = takeSnapshot(share, {path, directory, description});
+    // A sync that looked at the volume before takes the new section for one without a snapshot.
     forgetCause();
-    if (QOVAShareSnapMetaSync(&share) != 0 || !hasSnapshot(share, name)) {
-        throw libraryFailure("snapshot " + quoted(name) + " of " + printable(path) + " can't be put into the list",
+    if (!hasSnapshot(share, name)) {
+        throw libraryFailure("snapshot " + quoted(name) + " of " + printable(path) + " is not in the list any more",
                              share, causeNow());
     }
-    (void)QOVAShareSnapAttrSet(&share, name.c_str(), "desc", description.c_str()); // it has one that says less
     return name;
 }
 
