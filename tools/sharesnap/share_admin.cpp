@@ -218,7 +218,8 @@ int addShare(const ShareAddition &asked) {
     const std::string what = "can't add share " + quoted(addition.name);
     requireRoot(what);
     const SettledNames settled({});
-    if (!putsRecordBack(addition)) {
+    const bool comesBack = putsRecordBack(addition);
+    if (!comesBack) {
         requireNoInterruptedRename({addition.name});
     }
     requireFreeName(addition.name, what);
@@ -232,7 +233,8 @@ int addShare(const ShareAddition &asked) {
     }
     forgetCause();
     if (QOVAShareRecordAdd(&record.get()) == 0) {
-        return treeSharePut(record.get()) ? exitDone : exitInPart;
+        const bool treeIsTrue = comesBack ? treeSynced(record.get()) : treeSharePut(record.get());
+        return treeIsTrue ? exitDone : exitInPart;
     }
     const Cause cause = causeNow();
     if (!addition.existing) {

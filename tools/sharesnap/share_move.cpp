@@ -273,7 +273,7 @@ std::string settingsPlace(const std::string &name) {
     return "[" + name + "] in /usr/qova/etc/sharesnap/sharesnap.conf";
 }
 
-int endRename(const RenameIntent &intent, bool undo) {
+int endRename(const RenameIntent &intent, bool undo, bool first) {
     const Share share = recordOf(intent);
     requireLocked(*share, "can't rename share " + quoted(intent.oldName) + " to " + quoted(intent.newName));
     const RenameIntent direction = undo ? backwards(intent) : intent;
@@ -283,7 +283,7 @@ int endRename(const RenameIntent &intent, bool undo) {
         throw withNote(failure, intent);
     }
     const Share renamed = requireShare(direction.newName);
-    const bool treeIsTrue = treeShareRenamed(*renamed, {direction.oldName, direction.newName, intent.newName});
+    const bool treeIsTrue = treeShareRenamed(*renamed, {direction.oldName, direction.newName, intent.newName, first});
     removeIntent(intent);
     return treeIsTrue ? exitDone : exitInPart;
 }

@@ -7,8 +7,9 @@ namespace command {
 
 // Everything that stands under the old name goes to the new one, or with `undo` the other way round; then the note of the
 // rename is removed. Each step looks at what stands, so an interrupted call is simply made again. A part that stands under
-// both names is refused. Gives the exit status, or throws a Failure; the note then stays.
-[[nodiscard]] int endRename(const RenameIntent &intent, bool undo);
+// both names is refused. `first` says that the rename began in this run, so that the tree can't know of it yet. Gives the
+// exit status, or throws a Failure; the note then stays.
+[[nodiscard]] int endRename(const RenameIntent &intent, bool undo, bool first = false);
 
 // Where a share's settings stand, for a message.
 [[nodiscard]] std::string settingsPlace(const std::string &name);

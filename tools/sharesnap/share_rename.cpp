@@ -101,7 +101,7 @@ int beginRename(const ShareRenaming &renaming, const std::string &what) {
     writeIntent(intent);
     try {
         moveStores(*share, between, moved, what);
-        return endRename(intent, false);
+        return endRename(intent, false, true);
     } catch (const Failure &failure) {
         takeBack(intent, failure);
         throw;
