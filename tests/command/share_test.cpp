@@ -157,6 +157,43 @@ TEST_F(ShareVerb, RemoveRefusesWhileAListOfSnapshotsStands) {
     EXPECT_FALSE(testkit::exists("/vol1/@sharesnap/@docs.meta"));
 }
 
+// Only where nothing stands an earlier removal took the data.
+TEST_F(ShareVerb, RemoveWithDataRefusesWhatIsNoSubvolume) {
+    const std::string name = take();
+    ASSERT_EQ(0, rename("/vol1/docs", "/vol1/away"));
+    ASSERT_EQ(0, mkdir("/vol1/docs", 0755));
+    ASSERT_TRUE(testkit::writeFile("/vol1/docs/file", "kept"));
+    const auto result = sharesnap({"share", "remove", "docs", "--data", "--yes"});
+    EXPECT_TRUE(ends(result, refused));
+    EXPECT_TRUE(says(result, {"\"docs\"", "/vol1/docs", "no Btrfs subvolume", "next: "}));
+    EXPECT_NE(nullptr, testkit::getShare("docs"));
+    EXPECT_EQ("kept", testkit::readFile("/vol1/docs/file"));
+    EXPECT_TRUE(testkit::isDirectory(snapshotPath(name)));
+    EXPECT_THAT(testkit::readFile("/vol1/@sharesnap/@docs.meta"), testing::HasSubstr(name));
+}
+
+TEST_F(ShareVerb, RemoveWithDataRefusesToLeaveSnapshotsBehind) {
+    const std::string name = take();
+    ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant("/vol1/docs"));
+    const auto result = sharesnap({"share", "remove", "docs", "--data", "--yes"});
+    EXPECT_TRUE(ends(result, refused));
+    EXPECT_TRUE(says(result, {"\"docs\"", "nothing stands at /vol1/docs", "next: "}));
+    EXPECT_NE(nullptr, testkit::getShare("docs"));
+    EXPECT_TRUE(testkit::isDirectory(snapshotPath(name)));
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/docs"));
+    ASSERT_EQ(0, sharesnap({"share", "remove", "docs", "--data", "--yes"}).exitStatus);
+    EXPECT_FALSE(testkit::exists("/vol1/@sharesnap/docs"));
+    EXPECT_EQ(nullptr, testkit::getShare("docs"));
+}
+
+TEST_F(ShareVerb, RemoveWithDataGoesOnWhereAnEarlierOneEnded) {
+    ASSERT_TRUE(ends(sharesnap({"delete", "docs", take()}), done));
+    ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant("/vol1/docs"));
+    ASSERT_EQ(0, sharesnap({"share", "remove", "docs", "--data", "--yes"}).exitStatus);
+    EXPECT_EQ(nullptr, testkit::getShare("docs"));
+    EXPECT_FALSE(testkit::exists("/vol1/@sharesnap/@docs.meta"));
+}
+
 TEST_F(ShareVerb, RenameTakesEverythingAlong) {
     ASSERT_TRUE(testkit::writeFile("/vol1/docs/file", "kept"));
     ASSERT_TRUE(ends(sharesnap({"conf", "set", "docs", "schedule_task_id", "17"}), done));

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <iostream>
 #include <optional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace command {
@@ -41,23 +42,40 @@ struct Doomed {
     std::string what;
     std::string volume;
     std::string data;
-    std::optional<SubvolumeState> state; // of the data; nothing when an earlier attempt took them
+    bool dataStand; // or an earlier attempt took them
+    std::optional<SubvolumeState> state;
     std::vector<std::string> snapshots;
     bool standIn; // what a restore left, too
 };
 
+// Snapshots go before the data. So an earlier attempt took the data only where nothing stands, and no snapshot is left.
+bool takenBefore(const Doomed &doomed) {
+    struct stat status = {};
+    if (lstat(doomed.data.c_str(), &status) == 0 || errno != ENOENT) {
+        return false;
+    }
+    if (!doomed.snapshots.empty()) {
+        throw Failure(exitRefused,
+                      doomed.what + ": nothing stands at " + printable(doomed.data) + ", but its snapshots are there",
+                      "put the data back, or make a subvolume there, which goes with the snapshots then");
+    }
+    return true;
+}
+
 Doomed lookAt(const std::string &name) {
-    Doomed doomed = {requireBtrfsShare(name, "can't remove"), {}, {}, {}, {}, {}, false};
+    Doomed doomed = {requireBtrfsShare(name, "can't remove"), {}, {}, {}, false, {}, {}, false};
     const QOVASHARE &share = *doomed.share;
     doomed.what = "can't remove " + named(share);
     requireLocked(share, doomed.what);
     doomed.volume = volumeOf(share, "can't remove");
     doomed.data = dataPath(share);
-    if (QOVABtrfsIsSubVol(doomed.data.c_str()) == 1) {
-        doomed.state = stateOf(doomed.data);
-    }
     doomed.snapshots = snapshotsOnVolume(share, doomed.what);
     std::sort(doomed.snapshots.begin(), doomed.snapshots.end());
+    if (!takenBefore(doomed)) {
+        requireDataSubvolume(share, "can't remove");
+        doomed.dataStand = true;
+        doomed.state = stateOf(doomed.data);
+    }
     doomed.standIn = standInIsLeft(doomed.volume, share.szName);
     return doomed;
 }
@@ -84,8 +102,8 @@ void requireSame(const Doomed &announced, const Doomed &now) {
     const auto uuid = [](const Doomed &doomed) {
         return doomed.state ? doomed.state->uuid : decltype(doomed.state->uuid){};
     };
-    if (now.data != announced.data || uuid(now) != uuid(announced) || now.snapshots != announced.snapshots ||
-        now.standIn != announced.standIn) {
+    if (now.data != announced.data || now.dataStand != announced.dataStand || uuid(now) != uuid(announced) ||
+        now.snapshots != announced.snapshots || now.standIn != announced.standIn) {
         throw Failure(exitRefused, now.what + ": it isn't what was announced any more",
                       "remove it again to see what goes now");
     }
@@ -116,14 +134,15 @@ void removeStandIn(const Doomed &doomed) {
 }
 
 // The subvolume of an encrypted share is its back end; its path is a mount point, empty while the share is locked.
-void removeData(const QOVASHARE &share, const std::string &what) {
-    const std::string data = dataPath(share);
+void removeData(const Doomed &doomed) {
+    const QOVASHARE &share = *doomed.share;
+    const std::string &what = doomed.what;
+    const std::string &data = doomed.data;
     if (isEncrypted(share) && rmdir(share.szPath) != 0 && errno != ENOENT) {
         throw Failure(exitFailed,
                       what + ": can't remove the mount point " + printable(share.szPath) + ": " + std::strerror(errno));
     }
-    if (QOVABtrfsIsSubVol(data.c_str()) != 1) {
-        // An earlier attempt came this far: only the list can be left.
+    if (!doomed.dataStand) { // only the list can be left
         if (SnapMetaFileDelete(&share) != 0) {
             throw libraryFailure(what + ": its list of snapshots", share, causeNow());
         }
@@ -155,7 +174,7 @@ int eraseShare(const ShareRemoval &removal) {
     }
     const QOVASHARE &share = *doomed.share;
     removeStandIn(doomed);
-    removeData(share, doomed.what);
+    removeData(doomed);
     forgetCause();
     if (QOVAShareSnapConfigDelete(share.szPath) != 0) {
         throw libraryFailure(doomed.what + ": its settings", share, causeNow());
