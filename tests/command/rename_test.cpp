@@ -8,6 +8,7 @@
 #include <sharesnap/platform/share_admin.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/crash.hpp"
 #include "waiting.hpp"
@@ -17,6 +18,10 @@ namespace {
 using namespace commandtest;
 
 constexpr char kNote[] = "/etc/sharesnap/renames/docs";
+
+std::string holdsOf(const std::string &share) {
+    return "/run/sharesnap/sys_lock/" + share + ".sharesnap_sys_lock";
+}
 
 class InterruptedRename : public CommandTest {
 protected:
@@ -36,6 +41,21 @@ protected:
         ASSERT_TRUE(testkit::makeDirectories("/etc/sharesnap/renames"));
         ASSERT_TRUE(testkit::writeFile(
             kNote, "[rename]\nold_name=docs\nnew_name=papers\nold_path=/vol1/docs\nnew_path=/vol1/papers\n"));
+    }
+
+    // The share has its new name, and what else is its own still has the old one.
+    static void moveTheRecordAlone() {
+        note();
+        ASSERT_EQ(0, QOVAShareRecordRename("docs", "papers"));
+    }
+
+    // Asking for the holds of a share makes the file that they would stand in.
+    void askForHolds(const char *share) const {
+        const auto record = testkit::getShare(share);
+        ASSERT_NE(nullptr, record);
+        uint32_t holds = 0;
+        EXPECT_EQ(1, QOVAShareSnapSysLockGet(record.get(), snapshot_.c_str(), "backup", &holds));
+        EXPECT_EQ(0U, holds);
     }
 
     // All that belongs to a share stands under this name, and nothing of it under the other.
@@ -83,6 +103,48 @@ TEST_F(InterruptedRename, IsUndoneFromTheMiddle) {
     ASSERT_EQ(0, QOVAShareSnapConfUpdate("docs", "papers", nullptr));
     ASSERT_EQ(0, rename("/vol1/@sharesnap/@docs.meta", "/vol1/@sharesnap/@papers.meta"));
     ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--undo"}), done));
+    expectAllUnder("docs", "papers");
+}
+
+TEST_F(InterruptedRename, KeepsTheHoldsWhenSomebodyAsksUnderTheOtherName) {
+    moveTheRecordAlone();
+    askForHolds("papers");
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--undo"}), done));
+    expectAllUnder("docs", "papers");
+    EXPECT_FALSE(testkit::exists(holdsOf("papers")));
+
+    note();
+    ASSERT_EQ(0, rename(holdsOf("docs").c_str(), holdsOf("papers").c_str()));
+    askForHolds("docs");
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--finish"}), done));
+    expectAllUnder("papers", "docs");
+    EXPECT_FALSE(testkit::exists(holdsOf("docs")));
+}
+
+TEST_F(InterruptedRename, HoldsUnderBothNamesAreRefused) {
+    moveTheRecordAlone();
+    const std::string text = testkit::readFile(holdsOf("docs"));
+    ASSERT_TRUE(testkit::writeFile(holdsOf("papers"), "[" + snapshot_ + "]\nother=1\n"));
+    for (const char *option : {"--finish", "--undo"}) {
+        const auto result = sharesnap({"share", "rename", "docs", option});
+        EXPECT_TRUE(ends(result, refused));
+        EXPECT_TRUE(says(result, {holdsOf("docs"), holdsOf("papers")}));
+        EXPECT_TRUE(testkit::exists(kNote));
+        EXPECT_EQ(text, testkit::readFile(holdsOf("docs")));
+    }
+    ASSERT_EQ(0, unlink(holdsOf("papers").c_str()));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--undo"}), done));
+    expectAllUnder("docs", "papers");
+}
+
+// A rename doesn't begin where it couldn't be ended.
+TEST_F(InterruptedRename, IsNoneWhenHoldsStandUnderTheNewName) {
+    ASSERT_TRUE(testkit::writeFile(holdsOf("papers"), "[" + snapshot_ + "]\nother=1\n"));
+    const auto result = sharesnap({"share", "rename", "docs", "papers"});
+    EXPECT_TRUE(ends(result, refused));
+    EXPECT_TRUE(says(result, {holdsOf("papers")}));
+    EXPECT_TRUE(testkit::exists(holdsOf("papers")));
+    ASSERT_EQ(0, unlink(holdsOf("papers").c_str()));
     expectAllUnder("docs", "papers");
 }
 

@@ -11,12 +11,15 @@
 #include <sharesnap/lifecycle.h>
 #include <sharesnap/metadata.h>
 #include <sharesnap/platform/error.h>
+#include <sharesnap/platform/section_file.h>
 #include <sharesnap/platform/share_admin.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace command {
 namespace {
@@ -30,6 +33,24 @@ bool exists(const std::string &path) {
         throw Failure(exitFailed, "can't look at " + printable(path) + ": " + std::strerror(errno));
     }
     return false;
+}
+
+// False of what is no directory, too.
+bool isEmptyDirectory(const std::string &path) {
+    std::error_code error;
+    const bool isDirectory =
+        std::filesystem::symlink_status(path, error).type() == std::filesystem::file_type::directory;
+    const bool isEmpty = isDirectory && std::filesystem::is_empty(path, error);
+    if (error) {
+        throw Failure(exitFailed, "can't read " + printable(path) + ": " + error.message());
+    }
+    return isEmpty;
+}
+
+void removeFile(const std::string &path) {
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        throw Failure(exitFailed, "can't remove " + printable(path) + ": " + std::strerror(errno));
+    }
 }
 
 std::string dataPathOf(const QOVASHARE &share, const std::string &path) {
@@ -213,16 +234,26 @@ private:
     }
 
     // The path of an encrypted share is where its back end gets mounted. An empty directory at its new place is as good,
-    // and goes. Any other share's path has moved by now.
+    // and goes; but then no files of somebody else's may come there. Any other share's path has moved by now.
     void moveMountPoint() const {
-        if (isEncrypted(share_) && exists(intent_.oldPath)) {
+        if (!isEncrypted(share_) || !exists(intent_.oldPath)) {
+            return;
+        }
+        const bool standsInTheWay = exists(intent_.newPath) && !isEmptyDirectory(intent_.oldPath);
+        if (isToMove(true, standsInTheWay, intent_.oldPath, intent_.newPath)) {
             moveDirectory(intent_.oldPath, intent_.newPath);
         }
     }
 
+    // Asking for holds makes their file, so an empty one may stand under either name.
     void moveHolds() {
-        if (!exists("/run/sharesnap/sys_lock/" + intent_.oldName + ".sharesnap_sys_lock")) {
+        const std::string from = holdsPlace(intent_.oldName);
+        const std::string to = holdsPlace(intent_.newName);
+        if (!exists(from)) {
             return; // nothing is held, or the claims were moved before
+        }
+        if (exists(to) && !isToMove(holdsStandAt(from), holdsStandAt(to), from, to)) {
+            removeFile(from);
         }
         forgetCause();
         if (ShareSnapSysLockShareRenameHook(intent_.oldName.c_str(), intent_.newName.c_str()) != 0) {
@@ -268,6 +299,19 @@ Share recordOf(const RenameIntent &intent) {
 }
 
 } // namespace
+
+std::string holdsPlace(const std::string &name) {
+    return "/run/sharesnap/sys_lock/" + name + ".sharesnap_sys_lock";
+}
+
+bool holdsStandAt(const std::string &path) {
+    List sections = newList();
+    errno = 0;
+    if (exists(path) && QLIBCFileEnumSection(path.c_str(), sections.address()) < 0) {
+        throw Failure(exitFailed, "can't read the holds in " + printable(path) + ": " + std::strerror(errno));
+    }
+    return !itemsOf(sections).empty();
+}
 
 std::string settingsPlace(const std::string &name) {
     return "[" + name + "] in /usr/qova/etc/sharesnap/sharesnap.conf";

@@ -14,4 +14,8 @@ namespace command {
 // Where a share's settings stand, for a message.
 [[nodiscard]] std::string settingsPlace(const std::string &name);
 
+// The file of a share's holds, and whether there are any in it. Throws a Failure for a file that can't be read.
+[[nodiscard]] std::string holdsPlace(const std::string &name);
+[[nodiscard]] bool holdsStandAt(const std::string &path);
+
 } // namespace command

@@ -52,6 +52,10 @@ void requireNoLeftovers(const QOVASHARE &share, const std::string &what) {
         throw Failure(exitRefused, what + ": settings of another share stand at " + settingsPlace(share.szName),
                       "choose another name, or take that section out");
     }
+    if (const std::string holds = holdsPlace(share.szName); holdsStandAt(holds)) {
+        throw Failure(exitRefused, what + ": holds of another share stand at " + printable(holds),
+                      "choose another name, or remove that file");
+    }
 }
 
 // The library carries settings, list, snapshots and data, and goes back by itself when one of them fails. Until the data
