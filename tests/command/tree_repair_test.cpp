@@ -324,6 +324,25 @@ TEST_F(TreeIsTold, OfNoClonedSnapshotThatIsGone) {
     EXPECT_THAT(drawn(), HasSubstr("object/copy\n"));
 }
 
+// Another share gets the name of a removed one, and is in the tree before the removal comes to it.
+TEST_F(TreeIsTold, OfNoRemovalWhenTheNameHasAShareAgain) {
+    for (const Arguments &arguments :
+         {Arguments{"share", "remove", "music"}, {"share", "remove", "music", "--data", "--yes"}}) {
+        ASSERT_TRUE(ends(sharesnap({"share", "add", "music", "/vol1/music"}), done));
+        testkit::LockHolder holder(treeLock("/vol1"), testkit::LockHolder::exclusive);
+        ASSERT_TRUE(holder.holds());
+        Running running = begin(arguments);
+        EXPECT_TRUE(comesToWait(running, holder, treeLock("/vol1")));
+        EXPECT_EQ(nullptr, testkit::getShare("music"));
+        EXPECT_EQ("", testkit::addShare("music", "/vol1/music"));
+        holder.release();
+        EXPECT_EQ(done, running.get().exitStatus);
+        EXPECT_EQ("root\n  object/docs\n  object/music\n", drawn());
+        EXPECT_EQ(0, QOVAShareRecordRemove("music"));
+        (void)QOVABtrfsDeleteSubvolFaultTolerant("/vol1/music"); // it went with the data
+    }
+}
+
 // Every verb that comes to the tree does its work and says that the tree can't be read.
 class BrokenTree : public TreeRepair {};
 
@@ -420,6 +439,28 @@ TEST_F(TreeOfALonelyVolume, LosesAShareThatLiesOnAnotherVolumeNow) {
     ASSERT_TRUE(ends(sharesnap({"sync", "--all"}), done));
     EXPECT_EQ("root\n  object/far\n", drawn("/vol2"));
     EXPECT_EQ("root\n  object/docs\n", drawn());
+}
+
+// Such as one that is mounted elsewhere for a while, so that others lie where its shares were.
+TEST_F(TreeOfALonelyVolume, KeepsAShareWhoseSnapshotsItHolds) {
+    ASSERT_EQ("", testkit::Sandbox::mountVolume("/vol2"));
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "docs", "/vol2/docs"}), done));
+    const std::string name = lines(sharesnap({"create", "docs"}).output).at(0);
+    ASSERT_EQ(0, QOVAShareRecordRemove("docs"));
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "docs", "/vol1/docs"}), done));
+    ASSERT_TRUE(ends(sharesnap({"sync", "--all"}), done));
+    const std::string whole = "root\n  snap/docs/" + name + "\n    object/docs\n";
+    EXPECT_EQ(whole, drawn("/vol2"));
+    // The snapshots of an encrypted share count as well.
+    ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant(("/vol2/@sharesnap/docs/" + name).c_str()));
+    ASSERT_TRUE(testkit::makeDirectories("/vol2/@sharesnap/@docs@"));
+    const std::string encrypted = "/vol2/@sharesnap/@docs@/" + name;
+    ASSERT_EQ(0, QOVABtrfsCreateSubVol(encrypted.c_str()));
+    ASSERT_TRUE(ends(sharesnap({"sync", "--all"}), done));
+    EXPECT_EQ(whole, drawn("/vol2"));
+    ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant(encrypted.c_str()));
+    ASSERT_TRUE(ends(sharesnap({"sync", "--all"}), done));
+    EXPECT_EQ("root\n", drawn("/vol2"));
 }
 
 TEST_F(TreeOfALonelyVolume, IsKeptWhenItIsMountedTwice) {

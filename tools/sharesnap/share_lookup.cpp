@@ -60,6 +60,17 @@ Share requireShare(const std::string &name) {
     }
 }
 
+bool hasRecord(const std::string &name) {
+    int exists = 0;
+    forgetCause();
+    if (QLIBShareIsExist(name.c_str(), &exists) != 0) {
+        const Cause cause = causeNow();
+        throw Failure(exitFailed, "can't read the record of share " + quoted(name) + " [" + codeName(cause.code) + "]",
+                      "see to /etc/sharesnap/shares.conf");
+    }
+    return exists != 0;
+}
+
 std::string volumeOfPath(const std::string &path, const std::string &what) {
     char volume[pathSize] = "";
     forgetCause();

@@ -18,6 +18,9 @@ inline constexpr size_t pathSize = 4096;
 // ("can't list the snapshots of"), for the message.
 [[nodiscard]] Share requireBtrfsShare(const std::string &name, const std::string &what);
 
+// Throws a Failure when the database can't be read.
+[[nodiscard]] bool hasRecord(const std::string &name);
+
 // Names of all shares in the database's order.
 [[nodiscard]] std::vector<std::string> shareNames();
 

@@ -7,9 +7,12 @@
 #include "text.h"
 #include "volume_tree.h"
 
+#include <sharesnap/platform/subvolume.h>
 #include <sharesnap/platform/volume.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <list>
 #include <memory>
 #include <set>
 #include <sys/stat.h>
@@ -18,17 +21,6 @@ namespace command {
 namespace {
 
 using namespace QovaSnapTree;
-
-bool hasRecord(const std::string &name) {
-    int exists = 0;
-    forgetCause();
-    if (QLIBShareIsExist(name.c_str(), &exists) != 0) {
-        const Cause cause = causeNow();
-        throw Failure(exitFailed, "can't read the record of share " + quoted(name) + " [" + codeName(cause.code) + "]",
-                      "see to /etc/sharesnap/shares.conf");
-    }
-    return exists != 0;
-}
 
 // One volume can be mounted at several places. What can't be told apart is taken for the same.
 bool isOtherVolume(const std::string &one, const std::string &other) {
@@ -46,13 +38,36 @@ bool liesElsewhere(const std::string &name, const std::string &volume) {
            QOVAShareVolPathGet(share->szPath, own, sizeof(own)) == 0 && isOtherVolume(own, volume);
 }
 
+// What can't be looked at may well stand.
+bool stands(const std::string &path) {
+    forgetCause();
+    const int result = QOVABtrfsIsSubVol(path.c_str());
+    return result == 1 || (result < 0 && causeNow().error != ENOENT);
+}
+
+// A share that went in order took its snapshots along. One that left them is in use: its volume may only be mounted
+// elsewhere for a while.
+bool hasSnapshotOnVolume(const SnapTree &tree, const std::string &share, const std::string &volume) {
+    const ObjectNode *object = tree.getObject(treeObject(share));
+    const std::list<nodeName> snapshots = object != nullptr ? object->listSnapshots() : std::list<nodeName>();
+    return std::any_of(snapshots.begin(), snapshots.end(), [&](const nodeName &snapshot) {
+        const std::string directory = volume + "/@sharesnap/";
+        return snapshot.objectName == share && (stands(directory + share + "/" + snapshot.snapName) ||
+                                                stands(directory + "@" + share + "@/" + snapshot.snapName));
+    });
+}
+
+bool isStranger(const SnapTree &tree, const std::string &share, const std::string &volume) {
+    return (!hasRecord(share) || liesElsewhere(share, volume)) && !hasSnapshotOnVolume(tree, share, volume);
+}
+
 // Records first, renames afterwards: a rename notes itself before it touches a record, and removes its note after the
 // tree, whose lock we have. Only a damaged tree has an object without a name; nothing can be done to that one.
 std::vector<std::string> strangersOf(const SnapTree &tree, const std::string &volume) {
     std::vector<std::string> strangers;
     for (const BaseNode *node : treeNodes(tree)) {
         const std::string &name = node->name().objectName;
-        if (node->name().type == NODE_OBJECT && !name.empty() && (!hasRecord(name) || liesElsewhere(name, volume))) {
+        if (node->name().type == NODE_OBJECT && !name.empty() && isStranger(tree, name, volume)) {
             strangers.push_back(name);
         }
     }

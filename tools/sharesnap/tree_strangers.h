@@ -1,5 +1,5 @@
-// Shares that a volume's tree has though no record names them any more, or one that lies on another volume: what is left
-// when a share went while the tree couldn't be rewritten.
+// Shares that a volume's tree has though no record names them any more, or one that lies on another volume, and though
+// none of their snapshots is on the volume: what is left when a share went while the tree couldn't be rewritten.
 #pragma once
 
 #include <string>

@@ -353,7 +353,11 @@ bool treeShareRenamed(const QOVASHARE &share, const Renaming &renaming) {
 }
 
 bool treeShareRemoved(const std::string &volume, const std::string &name) {
-    return told(volume, [&](SnapTree &tree) { treeForget(tree, name); });
+    return told(volume, [&](SnapTree &tree) {
+        if (!hasRecord(name)) {
+            treeForget(tree, name);
+        }
+    });
 }
 
 bool treeSynced(const QOVASHARE &share) {

@@ -34,6 +34,7 @@ struct Renaming {
     bool first = false;   // the tree wasn't told before: what it has under the new name is an earlier share's
 };
 [[nodiscard]] bool treeShareRenamed(const QOVASHARE &share, const Renaming &renaming);
+// The record is gone. If there is one of that name again, what the tree has under it is the new share's and stays.
 [[nodiscard]] bool treeShareRemoved(const std::string &volume, const std::string &name);
 // The share and its snapshots as its list has them: missing nodes are put in by their time, others go.
 [[nodiscard]] bool treeSynced(const QOVASHARE &share);
