@@ -186,6 +186,15 @@ TEST_F(ShareVerb, RemoveWithDataRefusesToLeaveSnapshotsBehind) {
     EXPECT_EQ(nullptr, testkit::getShare("docs"));
 }
 
+TEST_F(ShareVerb, RemoveWithDataSaysWhatToDoAboutAStandInThatStays) {
+    ASSERT_EQ(0, mkdir("/vol1/@restore-docs", 0755)); // no subvolume
+    const auto result = sharesnap({"share", "remove", "docs", "--data", "--yes"});
+    EXPECT_NE(done, result.exitStatus);
+    EXPECT_TRUE(says(result, {"can't remove", "next: the next restore", "move it away"})) << result.errors;
+    EXPECT_EQ(1, QOVABtrfsIsSubVol("/vol1/docs"));
+    EXPECT_NE(nullptr, testkit::getShare("docs"));
+}
+
 TEST_F(ShareVerb, RemoveWithDataGoesOnWhereAnEarlierOneEnded) {
     ASSERT_TRUE(ends(sharesnap({"delete", "docs", take()}), done));
     ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant("/vol1/docs"));

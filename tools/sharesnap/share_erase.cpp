@@ -129,7 +129,8 @@ void removeStandIn(const Doomed &doomed) {
     const std::string path = standInPath(doomed.volume, doomed.share->szName);
     forgetCause();
     if (doomed.standIn && QOVABtrfsDeleteSubvolFaultTolerant(path.c_str()) < 0) {
-        throw libraryFailure(doomed.what + ": " + printable(path), *doomed.share, causeNow());
+        const Failure failure = libraryFailure(doomed.what + ": " + printable(path), *doomed.share, causeNow());
+        throw Failure(failure.exitStatus(), failure.message(), howToSettleStandIn(doomed.volume, doomed.share->szName));
     }
 }
 
