@@ -2,11 +2,14 @@
 // end.
 #include "command.hpp"
 
+#include <sharesnap/lifecycle.h>
 #include <sharesnap/platform/share_admin.h>
 #include <sharesnap/platform/subvolume.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "support/lock_holder.hpp"
 
 namespace {
 
@@ -53,6 +56,31 @@ TEST_F(RenameNotes, NothingElseTakesTheNewName) {
     EXPECT_TRUE(refuses({"share", "rename", "music", "files"}));
     EXPECT_FALSE(testkit::exists("/vol1/files"));
     EXPECT_TRUE(ends(sharesnap({"clone", "music", "songs"}), done));
+}
+
+// The record alone has its new name: what a schedule made under it would stand beside what is still under the old one.
+TEST_F(RenameNotes, NoSnapshotIsTakenAndNothingSetBeforeTheRenameIsSettled) {
+    const std::string snapshot = take();
+    ASSERT_TRUE(ends(sharesnap({"conf", "set", "docs", "keep", "7"}), done));
+    note();
+    EXPECT_TRUE(refuses({"create", "docs"}));
+    EXPECT_TRUE(refuses({"conf", "set", "docs", "keep", "8"}));
+    ASSERT_EQ(0, QOVAShareRecordRename("docs", "files"));
+    EXPECT_TRUE(refuses({"create", "files"}));
+    EXPECT_TRUE(refuses({"conf", "set", "files", "keep", "8"}));
+    EXPECT_TRUE(refuses({"conf", "unset", "files", "keep"}));
+    ASSERT_TRUE(ends(sharesnap({"share", "rename", "docs", "--finish"}), done));
+    EXPECT_EQ(std::vector<std::string>{snapshot}, listed({}, "files"));
+    EXPECT_EQ("7\n", sharesnap({"conf", "get", "files", "keep"}).output);
+}
+
+TEST_F(RenameNotes, SnapshotsDontWaitForWhatMovesOtherShares) {
+    ASSERT_TRUE(ends(sharesnap({"share", "add", "music", "/vol1/music"}), done));
+    note();
+    const testkit::LockHolder holder("/run/lock/sharesnap/share_rename.lock", testkit::LockHolder::exclusive);
+    ASSERT_TRUE(holder.holds());
+    EXPECT_TRUE(ends(sharesnap({"create", "music"}), done));
+    EXPECT_TRUE(ends(sharesnap({"conf", "set", "music", "keep", "7"}), done));
 }
 
 // All but the end of a rename is done: the share is files already.
@@ -185,6 +213,23 @@ TEST_F(BothEnds, OfTheSnapshotsAreRefused) {
     ASSERT_EQ(0, QOVABtrfsCreateSubVol("/vol1/@sharesnap/files"));
     refusesBoth({"/vol1/@sharesnap/docs", "/vol1/@sharesnap/files"});
     ASSERT_EQ(0, QOVABtrfsDeleteSubvolFaultTolerant("/vol1/@sharesnap/files"));
+    finishes();
+}
+
+// Another program took one with the library.
+TEST_F(BothEnds, OfASnapshotThatWasTakenMeanwhileAreRefused) {
+    ASSERT_EQ(0, QOVAShareRecordRename("docs", "files"));
+    const auto record = testkit::getShare("files");
+    ASSERT_NE(nullptr, record);
+    char name[64] = "";
+    ASSERT_EQ(0, QOVAShareSnapCreateEx(record.get(), name, sizeof(name), nullptr, 0));
+    refusesBoth({"/vol1/@sharesnap/@docs.meta", "/vol1/@sharesnap/@files.meta", "delete"});
+    EXPECT_TRUE(ends(sharesnap({"delete", "files", name}), done));
+    // The empty list and the empty directory stay.
+    ASSERT_EQ(0, unlink("/vol1/@sharesnap/@files.meta"));
+    refusesBoth({"/vol1/@sharesnap/docs", "/vol1/@sharesnap/files"});
+    ASSERT_EQ(0, unlink("/vol1/@sharesnap/files/desktop.ini"));
+    ASSERT_EQ(0, rmdir("/vol1/@sharesnap/files"));
     finishes();
 }
 

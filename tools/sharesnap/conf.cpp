@@ -1,5 +1,6 @@
 // sharesnap conf: the snapshot settings of shares.
 #include "failure.h"
+#include "rename_guard.h"
 #include "share_lookup.h"
 #include "text.h"
 #include "verbs.h"
@@ -84,6 +85,7 @@ int setSetting(const ConfArguments &arguments) {
     checkValue(arguments.key, arguments.value);
     const std::string what = "can't set " + quoted(arguments.key) + " of share " + quoted(arguments.share);
     requireRoot(what);
+    requireNoNoteOf(arguments.share);
     const Share share = requireShare(arguments.share);
     forgetCause();
     if (QOVAShareSnapConfSet(share->szName, arguments.key.c_str(), arguments.value.c_str()) != 0) {
@@ -95,6 +97,7 @@ int setSetting(const ConfArguments &arguments) {
 int unsetSetting(const ConfArguments &arguments) {
     const std::string what = "can't take away " + quoted(arguments.key) + " of share " + quoted(arguments.share);
     requireRoot(what);
+    requireNoNoteOf(arguments.share);
     const Share share = requireShare(arguments.share);
     if (QLIBCSzHashGetValue(settingsOf(*share).get(), arguments.key.c_str()) == nullptr) {
         throw noSuchSetting(*share, arguments.key);

@@ -2,6 +2,7 @@
 #include "actor.h"
 #include "failure.h"
 #include "notice.h"
+#include "rename_guard.h"
 #include "share_lookup.h"
 #include "text.h"
 #include "times.h"
@@ -122,6 +123,7 @@ int createSnapshot(const CreateArguments &arguments, const OutputForm &form) {
     const Pairs pairs = splitAttributes(arguments);
     checkAttributes(pairs);
     requireRoot("can't take a snapshot of share " + quoted(arguments.share));
+    requireNoNoteOf(arguments.share);
     const Share share = requireBtrfsShare(arguments.share, "can't take a snapshot of");
     requireDataSubvolume(*share, "can't take a snapshot of");
     const std::string name = takeSnapshot(*share, arguments, pairs);

@@ -33,6 +33,12 @@ SettledNames::SettledNames(const std::vector<std::string> &names) : lock_(MoveLo
     requireNoInterruptedRename(names);
 }
 
+void requireNoNoteOf(const std::string &name) {
+    if (namesUnderRename().count(name) != 0) {
+        (void)SettledNames({name});
+    }
+}
+
 std::string interruptedText(const RenameIntent &intent) {
     return "a rename of share " + quoted(intent.oldName) + " to " + quoted(intent.newName) + " was interrupted";
 }

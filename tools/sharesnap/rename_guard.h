@@ -27,6 +27,10 @@ private:
     MoveLock lock_;
 };
 
+// The same for verbs that may not wait for what goes on with other shares, and have nothing to keep away: without a note
+// of that name the lock isn't touched. A rename that is under way is waited for some seconds.
+void requireNoNoteOf(const std::string &name);
+
 // "a rename of share "docs" to "files" was interrupted", and the commands that settle it.
 [[nodiscard]] std::string interruptedText(const RenameIntent &intent);
 [[nodiscard]] std::string howToSettle(const RenameIntent &intent);

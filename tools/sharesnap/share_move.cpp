@@ -118,7 +118,8 @@ private:
         if (atOld && atNew) {
             throw Failure(exitRefused,
                           what() + ": " + printable(oldPlace) + " and " + printable(newPlace) + " both stand",
-                          "move away what isn't the share's, then finish or undo the rename");
+                          "delete snapshots that were taken meanwhile, move away what isn't the share's, "
+                          "then finish or undo the rename");
         }
         return atOld;
     }
