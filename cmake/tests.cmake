@@ -95,12 +95,7 @@ foreach(kind unit volume neighbours faults command crash consumer)
         if(kind MATCHES "command|crash|neighbours")
             add_dependencies(${program} sharesnap)
         endif()
-        # Run on the simulated storage core, as root too.
-        set(arguments "")
-        if(name MATCHES "simulated")
-            set(arguments EXTRA_ARGS --simulated)
-        endif()
-        gtest_discover_tests(${program} ${arguments} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120 TEST_PREFIX "${kind}/${name}/"
+        gtest_discover_tests(${program} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120 TEST_PREFIX "${kind}/${name}/"
                              PROPERTIES LABELS ${kind} TIMEOUT 900 SKIP_RETURN_CODE 77)
     endforeach()
 endforeach()

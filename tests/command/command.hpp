@@ -116,4 +116,15 @@ protected:
     }
 };
 
+// The same on the real storage core alone.
+class CommandOnVolumeTest : public CommandTest {
+protected:
+    void SetUp() override {
+        if (testkit::Sandbox::simulated()) {
+            GTEST_SKIP() << "needs the real storage core";
+        }
+        CommandTest::SetUp();
+    }
+};
+
 } // namespace commandtest

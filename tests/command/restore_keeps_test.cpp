@@ -1,5 +1,6 @@
 // sharesnap restore: what is written to the share beside it isn't lost, and its quota stays.
 #include "command.hpp"
+#include "support/argument_vector.hpp"
 
 #include <sharesnap/platform/quota.h>
 #include <sharesnap/platform/share_admin.h>
@@ -213,20 +214,14 @@ int runWithoutGenerations(const Arguments &arguments) {
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
     const sock_fprog filter = {sizeof(steps) / sizeof(steps[0]), steps};
-    std::vector<std::string> texts = {SHARESNAP_COMMAND};
-    texts.insert(texts.end(), arguments.begin(), arguments.end());
-    std::vector<char *> argv;
-    for (std::string &text : texts) {
-        argv.push_back(text.data());
-    }
-    argv.push_back(nullptr);
+    testkit::ArgumentVector argv(SHARESNAP_COMMAND, arguments);
     const pid_t child = fork();
     if (child == 0) {
         (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) {
             _exit(98);
         }
-        (void)execv(argv[0], argv.data());
+        (void)execv(SHARESNAP_COMMAND, argv.data());
         _exit(97);
     }
     const int status = testkit::waitForChild(child);

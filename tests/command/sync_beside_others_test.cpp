@@ -9,15 +9,12 @@ namespace {
 
 using namespace commandtest;
 
-class SyncBesideOthers : public CommandTest {
+class SyncBesideOthers : public CommandOnVolumeTest {
 protected:
     static constexpr char passing[] = "GMT-2015.01.01-00.00.00";
 
     void SetUp() override {
-        if (testkit::Sandbox::simulated()) {
-            GTEST_SKIP() << "needs the real storage core";
-        }
-        CommandTest::SetUp();
+        CommandOnVolumeTest::SetUp();
         if (IsSkipped()) {
             return;
         }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "command.hpp"
+#include "support/argument_vector.hpp"
 
 #include <cerrno>
 #include <chrono>
@@ -32,13 +33,7 @@ public:
         if (other < 0 || !makePlain(other)) {
             return;
         }
-        std::vector<std::string> texts = {SHARESNAP_COMMAND};
-        texts.insert(texts.end(), arguments.begin(), arguments.end());
-        std::vector<char *> argv;
-        for (std::string &text : texts) {
-            argv.push_back(text.data());
-        }
-        argv.push_back(nullptr);
+        testkit::ArgumentVector argv(SHARESNAP_COMMAND, arguments);
         child_ = fork();
         if (child_ == 0) {
             (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -47,7 +42,7 @@ public:
                     _exit(98);
                 }
             }
-            (void)execv(argv[0], argv.data());
+            (void)execv(SHARESNAP_COMMAND, argv.data());
             _exit(97);
         }
         (void)close(other); // the end of the command is the end of what can be read

@@ -7,23 +7,18 @@
 #include <unistd.h>
 #include <vector>
 
+#include "support/argument_vector.hpp"
 #include "support/crash.hpp"
 
 namespace crashtest {
 
 // Turns the process, a child that is to be killed, into the command.
 [[noreturn]] inline void becomeCommand(const std::vector<std::string> &arguments) {
-    std::vector<std::string> texts = {SHARESNAP_COMMAND};
-    texts.insert(texts.end(), arguments.begin(), arguments.end());
-    std::vector<char *> argv;
-    for (std::string &text : texts) {
-        argv.push_back(text.data());
-    }
-    argv.push_back(nullptr);
+    testkit::ArgumentVector argv(SHARESNAP_COMMAND, arguments);
     if (std::freopen("/dev/null", "r", stdin) == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) {
         _exit(98);
     }
-    (void)execv(argv[0], argv.data());
+    (void)execv(SHARESNAP_COMMAND, argv.data());
     _exit(97);
 }
 

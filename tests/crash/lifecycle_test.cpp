@@ -31,15 +31,13 @@ size_t longStep() {
     return std::getenv("SHARESNAP_CRASH_ALL") != nullptr ? 1 : 5;
 }
 
-class Crash : public testkit::VolumeTest {
+class Crash : public testkit::DocsVolumeTest {
 protected:
     void SetUp() override {
-        VolumeTest::SetUp();
+        DocsVolumeTest::SetUp();
         if (IsSkipped()) {
             return;
         }
-        ASSERT_EQ("", testkit::makeShare("docs"));
-        share_ = testkit::getShare("docs");
         take(kOlder);
         ASSERT_EQ(0, QOVAShareSnapAttrSet(share(), kOlder, "note", "keep me"));
         ASSERT_EQ(1, QOVAShareSnapSyncSnapCount(share()));
@@ -130,8 +128,6 @@ protected:
         EXPECT_EQ(0, QOVAShareSnapAttrGet(share(), kOlder, "note", note, sizeof(note)));
         EXPECT_STREQ("keep me", note);
     }
-
-    testkit::SharePointer share_;
 };
 
 TEST_F(Crash, InACreation) {

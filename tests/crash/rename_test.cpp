@@ -22,13 +22,10 @@ using namespace crashtest;
 // What the administrator does about an interrupted rename.
 enum class Way { finish, undo, inTurn };
 
-class RenameCrash : public CommandTest {
+class RenameCrash : public CommandOnVolumeTest {
 protected:
     void SetUp() override {
-        if (testkit::Sandbox::simulated()) {
-            GTEST_SKIP() << "needs the real storage core";
-        }
-        CommandTest::SetUp();
+        CommandOnVolumeTest::SetUp();
         if (IsSkipped()) {
             return;
         }

@@ -20,13 +20,10 @@ using namespace commandtest;
 constexpr char kLetter[] = "/vol1/docs/letter";
 constexpr char kSnapshots[] = "/vol1/@sharesnap/docs/";
 
-class RestoreCrash : public CommandTest {
+class RestoreCrash : public CommandOnVolumeTest {
 protected:
     void SetUp() override {
-        if (testkit::Sandbox::simulated()) {
-            GTEST_SKIP() << "needs the real storage core";
-        }
-        CommandTest::SetUp();
+        CommandOnVolumeTest::SetUp();
         if (IsSkipped()) {
             return;
         }

@@ -10,6 +10,7 @@
 #include "support/files.hpp"
 #include "support/fixtures.hpp"
 #include "support/tree_names.hpp"
+#include "support/tree_volume.hpp"
 
 namespace {
 
@@ -19,18 +20,8 @@ using testkit::snapName;
 
 constexpr char kFile[] = "/vol1/@eaDir/snaptree.bin";
 
-class TreeCrash : public testkit::SandboxTest {
+class TreeCrash : public testkit::TreeVolumeTest {
 protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
-    }
-
     static bool cycle(const std::string &snap) {
         SnapTree tree;
         if (tree.loadByVolume("/vol1", true) != 0) {

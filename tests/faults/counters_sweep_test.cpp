@@ -40,15 +40,13 @@ Outcomes recount(int done, int none) {
 }
 
 // One visible and one hidden section.
-class FailingCounter : public testkit::VolumeTest {
+class FailingCounter : public testkit::DocsVolumeTest {
 protected:
     void SetUp() override {
-        VolumeTest::SetUp();
+        DocsVolumeTest::SetUp();
         if (IsSkipped()) {
             return;
         }
-        ASSERT_EQ("", testkit::makeShare("docs"));
-        share_ = testkit::getShare("docs");
         char path[4096];
         ASSERT_EQ(1, QOVAShareSnapGetOrCreateSnapDir(share_.get(), path, sizeof(path), 1));
         ASSERT_TRUE(testkit::writeFile(kMetaFile, kSections));
@@ -72,7 +70,6 @@ protected:
     [[nodiscard]] const QOVASHARE *share() const { return share_.get(); }
 
 private:
-    testkit::SharePointer share_;
 };
 
 // A directory that can't be looked at counts as none, and a counter that can't be read is recounted.

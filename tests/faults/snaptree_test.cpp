@@ -13,6 +13,7 @@
 #include "support/fixtures.hpp"
 #include "support/log_capture.hpp"
 #include "support/tree_names.hpp"
+#include "support/tree_volume.hpp"
 
 namespace {
 
@@ -23,16 +24,13 @@ using testkit::snapName;
 constexpr char kFile[] = "/vol1/@eaDir/snaptree.bin";
 constexpr char kMark[] = "/vol1/@eaDir/snaptree.bin.broken";
 
-class FailingTreeCalls : public testkit::SandboxTest {
+class FailingTreeCalls : public testkit::TreeVolumeTest {
 protected:
     void SetUp() override {
-        SandboxTest::SetUp();
+        TreeVolumeTest::SetUp();
         if (IsSkipped()) {
             return;
         }
-        ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
         ASSERT_EQ(0, cycle("s0"));
         before_ = testkit::readFile(kFile);
         ASSERT_EQ(0, cycle("s1"));

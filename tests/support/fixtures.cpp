@@ -40,6 +40,16 @@ void VolumeTest::SetUp() {
     }
 }
 
+void DocsVolumeTest::SetUp() {
+    VolumeTest::SetUp();
+    if (IsSkipped()) {
+        return;
+    }
+    ASSERT_EQ("", makeShare("docs"));
+    share_ = getShare("docs");
+    ASSERT_NE(nullptr, share_);
+}
+
 void SimulatedVolumeTest::SetUp() {
     if (!Sandbox::simulated()) {
         GTEST_SKIP() << "needs the simulated storage core";

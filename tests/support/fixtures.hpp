@@ -65,4 +65,12 @@ using SharePointer = std::unique_ptr<QOVASHARE, ShareRelease>;
 // The record of a share from the database; null when there is none.
 [[nodiscard]] SharePointer getShare(const std::string &name);
 
+// A volume as VolumeTest has it, with the share docs and its record.
+class DocsVolumeTest : public VolumeTest {
+protected:
+    void SetUp() override;
+
+    SharePointer share_;
+};
+
 } // namespace testkit

@@ -14,6 +14,7 @@
 #include "support/fixtures.hpp"
 #include "support/log_capture.hpp"
 #include "support/tree_names.hpp"
+#include "support/tree_volume.hpp"
 
 namespace {
 
@@ -46,18 +47,8 @@ void expectEnd(const std::string &what, const Work &work) {
     EXPECT_EQ("", failure) << what;
 }
 
-class DamagedTree : public testkit::SandboxTest {
+class DamagedTree : public testkit::TreeVolumeTest {
 protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
-    }
-
     static void place(const std::string &bytes) {
         (void)unlink(kMark);
         ASSERT_TRUE(testkit::writeFile(kFile, bytes));

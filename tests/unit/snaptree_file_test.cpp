@@ -20,6 +20,7 @@
 #include "support/lock_holder.hpp"
 #include "support/log_capture.hpp"
 #include "support/tree_names.hpp"
+#include "support/tree_volume.hpp"
 
 namespace {
 
@@ -38,32 +39,9 @@ std::string fixture(const std::string &name) {
     return testkit::readFile(std::string(SHARESNAP_SOURCE_DIR) + "/tests/data/snaptree/" + name + ".bin");
 }
 
-class TreeFile : public testkit::SandboxTest {
+class TreeFile : public testkit::TreeVolumeTest {
 protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
-    }
-
     static void place(const std::string &bytes) { ASSERT_TRUE(testkit::writeFile(kFile, bytes)); }
-
-    // Whether another process finds the volume's lock taken.
-    static bool locked() {
-        const pid_t child = fork();
-        if (child == 0) {
-            QLIBCFileCloseLock(); // what this process holds isn't the child's
-            int fd = -1;
-            _exit(QLIBCFileLockTimeByFile(kLock, 1, 0, &fd) == 0 ? 1 : 0);
-        }
-        int status = 0;
-        (void)waitpid(child, &status, 0);
-        return !(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
 };
 
 TEST_F(TreeFile, PathHoldsTheLastComponentAlone) {
@@ -88,9 +66,9 @@ TEST_F(TreeFile, VolumeThatIsNotThereTakesNoLock) {
 TEST_F(TreeFile, VolumeWithoutATreeGivesAnEmptyOneWithTheLock) {
     SnapTree tree;
     ASSERT_EQ(0, tree.loadByVolume("/vol1", true));
-    EXPECT_TRUE(locked());
+    EXPECT_TRUE(testkit::treeIsLocked());
     EXPECT_TRUE(tree.save());
-    EXPECT_FALSE(locked());
+    EXPECT_FALSE(testkit::treeIsLocked());
     EXPECT_EQ(179u, testkit::readFile(kFile).size());
     EXPECT_EQ(fixture("fresh-179"), testkit::readFile(kFile));
     EXPECT_TRUE(testkit::directoryNames("/vol1/@tmp").empty());
@@ -113,7 +91,7 @@ TEST_F(TreeFile, OldTreeKeepsItsShapeAndInfos) {
     place(fixture("old-v11-rich"));
     SnapTree tree;
     ASSERT_EQ(0, tree.loadByVolume("/vol1", true));
-    EXPECT_FALSE(locked()); // the conversion saved, and a save drops the lock
+    EXPECT_FALSE(testkit::treeIsLocked()); // the conversion saved, and a save drops the lock
     EXPECT_EQ("root\n  snap/photo/GMT-2014.10.01-00.00.00\n    snap/photo/GMT+08-2015.03.02-04.05.06\n      "
               "clone/1234567\n        object/photo\n        object/photo_clone\n",
               testkit::printedTree(tree));
@@ -168,10 +146,10 @@ TEST_F(TreeFile, MarkRefusesAPerfectFile) {
     EXPECT_TRUE(testkit::logged(LOG_ERR, std::string("snaptree was broken [") + kFile + "]["));
     EXPECT_TRUE(testkit::logged(LOG_ERR, "Failed to load snaptree of [/vol1]"));
     EXPECT_EQ(fixture("example-486"), testkit::readFile(kFile));
-    EXPECT_TRUE(locked()); // a failed load keeps the lock
+    EXPECT_TRUE(testkit::treeIsLocked()); // a failed load keeps the lock
     tree.freeLock();
     tree.freeLock(); // nothing happens
-    EXPECT_FALSE(locked());
+    EXPECT_FALSE(testkit::treeIsLocked());
 }
 
 TEST_F(TreeFile, BrokenFileIsMarkedForGood) {
@@ -191,7 +169,7 @@ TEST_F(TreeFile, SaveWithoutATemporaryDirectoryFailsWithoutAWord) {
     ASSERT_EQ(0, rmdir("/vol1/@tmp"));
     EXPECT_FALSE(tree.save());
     EXPECT_EQ("", testkit::logText());
-    EXPECT_FALSE(locked());
+    EXPECT_FALSE(testkit::treeIsLocked());
     EXPECT_EQ(fixture("example-486"), testkit::readFile(kFile));
 }
 
@@ -217,7 +195,7 @@ TEST_F(TreeFile, FailedRenameLeavesTheOldFileAndTheTemporaryOne) {
     const auto names = testkit::directoryNames("/vol1/@tmp");
     ASSERT_EQ(1u, names.size());
     EXPECT_EQ(0u, names[0].find("snaptree.bin."));
-    EXPECT_FALSE(locked());
+    EXPECT_FALSE(testkit::treeIsLocked());
 }
 
 TEST_F(TreeFile, FullVolumeLeavesTheOldFile) {
@@ -310,7 +288,7 @@ TEST_F(TreeFile, SearchGoesUpThroughTheParents) {
     std::vector<nodeName> result;
     EXPECT_EQ(-1, reader.findCloneSrcSnap("/vol1", "a", "/vol1/@sharesnap/a/absent", result));
     EXPECT_TRUE(testkit::logged(LOG_DEBUG, "Failed to get node [a/absent] in tree, it not exist."));
-    EXPECT_FALSE(locked());
+    EXPECT_FALSE(testkit::treeIsLocked());
 }
 
 TEST_F(TreeFile, SearchStopsAfterTheNearest256) {
@@ -426,7 +404,7 @@ TEST_F(TreeFile, LongChainGoesThroughItsFileOnASmallStack) {
     const std::string failure = testkit::endsWithin(200, size_t{1} << 30, [&] { onASmallStack(snaps); });
     EXPECT_EQ("", failure);
     EXPECT_EQ(179u, testkit::readFile(kFile).size());
-    EXPECT_FALSE(locked());
+    EXPECT_FALSE(testkit::treeIsLocked());
 }
 
 } // namespace

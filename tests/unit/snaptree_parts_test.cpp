@@ -16,6 +16,7 @@
 #include "support/fixtures.hpp"
 #include "support/log_capture.hpp"
 #include "support/tree_names.hpp"
+#include "support/tree_volume.hpp"
 
 namespace {
 
@@ -50,7 +51,6 @@ constexpr char kS1[] = "GMT-2024.01.01-00.00.00";
 constexpr char kS2[] = "GMT-2024.01.02-00.00.00";
 constexpr char kFile[] = "/vol1/@eaDir/snaptree.bin";
 constexpr char kMark[] = "/vol1/@eaDir/snaptree.bin.broken";
-constexpr char kLock[] = "/run/lock/sharesnap/snaptree_lock//vol1.lock";
 
 class TreePart : public testkit::SandboxTest {
 protected:
@@ -139,27 +139,12 @@ protected:
         if (IsSkipped()) {
             return;
         }
-        ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
+        ASSERT_EQ("", testkit::makeTreeVolume());
     }
 
     void TearDown() override {
         objectsLeft = -1;
         TreePart::TearDown();
-    }
-
-    // Whether another process finds the volume's lock taken.
-    static bool locked() {
-        const pid_t child = fork();
-        if (child == 0) {
-            QLIBCFileCloseLock(); // what this process holds isn't the child's
-            int fd = -1;
-            _exit(QLIBCFileLockTimeByFile(kLock, 1, 0, &fd) == 0 ? 1 : 0);
-        }
-        int status = 0;
-        (void)waitpid(child, &status, 0);
-        return !(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
 
     static std::string oldFile() {
@@ -178,9 +163,9 @@ TEST_F(TreeLoadPart, LockThatCannotBeFreedIsToldAndKept) {
     }
     EXPECT_TRUE(testkit::loggedMatch(
         LOG_ERR, "^snaptree_file\\.cpp:[0-9]+ Failed to unlock filelock\\[0x2A00 test\\.cpp:1\\]$"));
-    EXPECT_TRUE(locked());
+    EXPECT_TRUE(testkit::treeIsLocked());
     tree.freeLock(); // with the handle that it has kept
-    EXPECT_FALSE(locked());
+    EXPECT_FALSE(testkit::treeIsLocked());
 }
 
 TEST_F(TreeLoadPart, MarkThatCannotBeSetIsToldAndTheFileIsReadAgainNextTime) {

@@ -17,6 +17,7 @@
 #include "support/fixtures.hpp"
 #include "support/log_capture.hpp"
 #include "support/tree_names.hpp"
+#include "support/tree_volume.hpp"
 
 namespace {
 
@@ -397,18 +398,7 @@ std::vector<Step> randomSteps(std::mt19937 &random) {
     return steps;
 }
 
-class TreeModel : public testkit::SandboxTest {
-protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        ASSERT_EQ("", testkit::Sandbox::mountSimulatedVolume("/vol1"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@eaDir"));
-        ASSERT_TRUE(testkit::makeDirectories("/vol1/@tmp"));
-    }
-};
+class TreeModel : public testkit::TreeVolumeTest {};
 
 TEST_F(TreeModel, AgreesWithRandomRewrites) {
     const char *wanted = std::getenv("SHARESNAP_TREE_SEQUENCES");

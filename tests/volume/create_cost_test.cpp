@@ -14,20 +14,16 @@
 
 namespace {
 
-class CreateCost : public testkit::VolumeTest {
+class CreateCost : public testkit::DocsVolumeTest {
 protected:
     void SetUp() override {
-        VolumeTest::SetUp();
+        DocsVolumeTest::SetUp();
         if (IsSkipped()) {
             return;
         }
-        ASSERT_EQ("", testkit::makeShare("docs"));
-        share_ = testkit::getShare("docs");
         // The first one makes what later ones find.
         ASSERT_EQ(0, ShareSnapCreateNameConflictRetry(share_.get(), nullptr, 0, nullptr, 10));
     }
-
-    testkit::SharePointer share_;
 };
 
 TEST_F(CreateCost, IsFourSyncsAndNoProgram) {

@@ -30,15 +30,13 @@ constexpr int kPairs = 64;
 constexpr size_t kValue = 500;
 constexpr long kFileKiB = long{kSections} * kPairs * static_cast<long>(kValue) / 1024;
 
-class ListMemory : public testkit::VolumeTest {
+class ListMemory : public testkit::DocsVolumeTest {
 protected:
     void SetUp() override {
-        VolumeTest::SetUp();
+        DocsVolumeTest::SetUp();
         if (IsSkipped()) {
             return;
         }
-        ASSERT_EQ("", testkit::makeShare("docs"));
-        share_ = testkit::getShare("docs");
         char path[4096];
         ASSERT_EQ(1, QOVAShareSnapGetOrCreateSnapDir(share_.get(), path, sizeof(path), 1));
         std::ofstream out("/vol1/@sharesnap/@docs.meta");
@@ -65,8 +63,6 @@ protected:
         QLIBCSzListFree(list);
         return after.ru_maxrss - before.ru_maxrss < kFileKiB / 2 ? 0 : 2;
     }
-
-    testkit::SharePointer share_;
 };
 
 TEST_F(ListMemory, IsFarBelowTheSizeOfTheFile) {

@@ -19,18 +19,8 @@ constexpr char kMetaFile[] = "/vol1/@sharesnap/@docs.meta";
 constexpr char kVisible[] = "lock=true\nhide=false\n";
 constexpr char kHidden[] = "lock=true\nhide=true\n";
 
-class SnapCount : public testkit::VolumeTest {
+class SnapCount : public testkit::DocsVolumeTest {
 protected:
-    void SetUp() override {
-        VolumeTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        ASSERT_EQ("", testkit::makeShare("docs"));
-        share_ = testkit::getShare("docs");
-        ASSERT_NE(nullptr, share_);
-    }
-
     void makeDirectory() {
         char path[4096];
         ASSERT_EQ(1, QOVAShareSnapGetOrCreateSnapDir(share_.get(), path, sizeof(path), 1));
@@ -61,8 +51,6 @@ protected:
     }
 
     const QOVASHARE *share() const { return share_.get(); }
-
-    testkit::SharePointer share_;
     mutable int result_ = -7;
 };
 

@@ -197,6 +197,17 @@ std::string requireSnapshotPath(const QOVASHARE &share, const std::string &snaps
     return path;
 }
 
+bool pathStands(const std::string &path) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0) {
+        return true;
+    }
+    if (errno != ENOENT) {
+        throw Failure(exitFailed, "can't look at " + printable(path) + ": " + std::strerror(errno));
+    }
+    return false;
+}
+
 void requireNothingAt(const std::string &path, const std::string &what, const std::string &next) {
     struct stat status = {};
     if (lstat(path.c_str(), &status) == 0) {

@@ -43,6 +43,8 @@ inline constexpr size_t pathSize = 4096;
 // Throws a Failure unless the share's data are a subvolume.
 void requireDataSubvolume(const QOVASHARE &share, const std::string &what);
 
+// Whether anything stands at the path, a dangling link too. Throws a Failure when that can't be told.
+[[nodiscard]] bool pathStands(const std::string &path);
 // Throws a Failure (refused), with what to do next, when anything stands at the path.
 void requireNothingAt(const std::string &path, const std::string &what, const std::string &next);
 

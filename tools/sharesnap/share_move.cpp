@@ -18,22 +18,10 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace command {
 namespace {
-
-bool exists(const std::string &path) {
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) == 0) {
-        return true;
-    }
-    if (errno != ENOENT) {
-        throw Failure(exitFailed, "can't look at " + printable(path) + ": " + std::strerror(errno));
-    }
-    return false;
-}
 
 // False of what is no directory, too.
 bool isEmptyDirectory(const std::string &path) {
@@ -109,7 +97,7 @@ private:
     // The library also says 0 of a path that can't be looked at.
     [[nodiscard]] bool standsAt(int result, const std::string &part, const std::string &path) const {
         const bool found = stands(result, path.empty() ? part : part + " " + printable(path));
-        return exists(path) && found;
+        return pathStands(path) && found;
     }
 
     // True when the part is still under the old name alone. Under both names only one of them can be the share's.
@@ -185,7 +173,7 @@ private:
     void fillEnds(Ends &ends) const {
         ends.oldName = intent_.oldName;
         ends.newName = intent_.newName;
-        ends.path = exists(oldData_) ? intent_.oldPath : intent_.newPath;
+        ends.path = pathStands(oldData_) ? intent_.oldPath : intent_.newPath;
         ends.samePath = ends.path;
         ends.from = recordAs(share_, ends.oldName, ends.path);
         ends.to = recordAs(share_, ends.newName, ends.samePath);
@@ -229,7 +217,7 @@ private:
     }
 
     void moveData() const {
-        if (isToMove(exists(oldData_), exists(newData_), oldData_, newData_)) {
+        if (isToMove(pathStands(oldData_), pathStands(newData_), oldData_, newData_)) {
             moveDirectory(oldData_, newData_);
         }
     }
@@ -237,10 +225,10 @@ private:
     // The path of an encrypted share is where its back end gets mounted. An empty directory at its new place is as good,
     // and goes; but then no files of somebody else's may come there. Any other share's path has moved by now.
     void moveMountPoint() const {
-        if (!isEncrypted(share_) || !exists(intent_.oldPath)) {
+        if (!isEncrypted(share_) || !pathStands(intent_.oldPath)) {
             return;
         }
-        const bool standsInTheWay = exists(intent_.newPath) && !isEmptyDirectory(intent_.oldPath);
+        const bool standsInTheWay = pathStands(intent_.newPath) && !isEmptyDirectory(intent_.oldPath);
         if (isToMove(true, standsInTheWay, intent_.oldPath, intent_.newPath)) {
             moveDirectory(intent_.oldPath, intent_.newPath);
         }
@@ -250,10 +238,10 @@ private:
     void moveHolds() {
         const std::string from = holdsPlace(intent_.oldName);
         const std::string to = holdsPlace(intent_.newName);
-        if (!exists(from)) {
+        if (!pathStands(from)) {
             return; // nothing is held, or the claims were moved before
         }
-        if (exists(to) && !isToMove(holdsStandAt(from), holdsStandAt(to), from, to)) {
+        if (pathStands(to) && !isToMove(holdsStandAt(from), holdsStandAt(to), from, to)) {
             removeFile(from);
         }
         forgetCause();
@@ -308,7 +296,7 @@ std::string holdsPlace(const std::string &name) {
 bool holdsStandAt(const std::string &path) {
     List sections = newList();
     errno = 0;
-    if (exists(path) && QLIBCFileEnumSection(path.c_str(), sections.address()) < 0) {
+    if (pathStands(path) && QLIBCFileEnumSection(path.c_str(), sections.address()) < 0) {
         throw Failure(exitFailed, "can't read the holds in " + printable(path) + ": " + std::strerror(errno));
     }
     return !itemsOf(sections).empty();

@@ -1,11 +1,8 @@
 #include "stand_in.h"
 
 #include "failure.h"
+#include "share_lookup.h"
 #include "text.h"
-
-#include <cerrno>
-#include <cstring>
-#include <sys/stat.h>
 
 namespace command {
 namespace {
@@ -21,15 +18,7 @@ std::string standInPath(const std::string &volume, const std::string &share) {
 }
 
 bool standInIsLeft(const std::string &volume, const std::string &share) {
-    const std::string path = standInPath(volume, share);
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) == 0) {
-        return true;
-    }
-    if (errno != ENOENT) {
-        throw Failure(exitFailed, "can't look at " + printable(path) + ": " + std::strerror(errno));
-    }
-    return false;
+    return pathStands(standInPath(volume, share));
 }
 
 void requireNoStandIn(const std::string &volume, const std::string &share, const std::string &what) {
